@@ -1,0 +1,49 @@
+# usbmi: the two commands a newcomer needs are `make run` and `make test`.
+# CMake does the building; this file only strings the steps together.
+
+JOBS        ?= $(shell nproc)
+BUILD       ?= build
+BUILD_WIN   ?= build-win
+BUILD_TSAN  ?= build-tsan
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Debug
+
+.PHONY: all deps build win run test test-host test-win test-tsan bench clean
+
+all: build
+
+# Installs what a fresh Debian machine lacks (as root), or says what is missing.
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+# The Windows kernel driver (ruvo_mi_x64.sys) from the same sources, with mingw-w64.
+win: deps
+	cmake -S win -B $(BUILD_WIN) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/win/mingw-w64-x86_64.cmake >/dev/null
+	cmake --build $(BUILD_WIN) -j $(JOBS)
+
+run: build
+	$(BUILD)/tools/usbmi-sim/usbmi-sim
+
+test-host: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+test-win: win
+	ctest --test-dir $(BUILD_WIN) --output-on-failure
+
+# The race-sensitive tests again under ThreadSanitizer.
+test-tsan: deps
+	cmake -S . -B $(BUILD_TSAN) $(CMAKE_FLAGS) -DUSBMI_SANITIZE=thread -DUSBMI_BENCH=OFF >/dev/null
+	cmake --build $(BUILD_TSAN) -j $(JOBS) --target libkn_tests wdmsim_tests
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(BUILD_TSAN)/tests/wdmsim_tests --gtest_brief=1 --gtest_filter='*Race*:*Threads*'
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(BUILD_TSAN)/tests/libkn_tests --gtest_brief=1 --gtest_filter='*Race*:*Threads*'
+
+test: test-host test-win test-tsan
+
+bench: build
+	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; $$b; done
+
+clean:
+	rm -rf $(BUILD) $(BUILD_WIN) $(BUILD_TSAN)

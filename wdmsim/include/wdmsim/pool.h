@@ -1,0 +1,33 @@
+// wdmsim host API: inspection and fault injection of the kernel pool.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace wdmsim {
+
+struct PoolBlockInfo {
+  const void* address;
+  uint32_t tag;
+  int poolType;
+  size_t size;
+  uint8_t allocatingIrql;
+};
+
+std::vector<PoolBlockInfo> LivePoolBlocks();
+size_t LivePoolBlockCount(uint32_t tag);  // blocks still allocated with that tag
+
+// Fault injection: fail the nth allocation from now on (1 = the next one), or every
+// allocation with the tag. ClearPoolFaults() undoes both.
+void FailNthPoolAllocation(int n);
+void FailPoolAllocationsWithTag(uint32_t tag);
+void FailContiguousAllocations(bool fail);
+void ClearPoolFaults();
+// How many allocations the injected faults have failed so far.
+int InjectedPoolFailures();
+
+// The four bytes of a tag in memory order, e.g. 0x6E4B624C -> "LbKn".
+std::string TagText(uint32_t tag);
+
+}  // namespace wdmsim
