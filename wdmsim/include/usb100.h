@@ -1,0 +1,2 @@
+/* usb100.h - wdmsim host edition. */
+#include <usbspec.h>

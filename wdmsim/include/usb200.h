@@ -1,0 +1,2 @@
+/* usb200.h - wdmsim host edition. */
+#include <usbspec.h>
