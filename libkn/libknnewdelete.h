@@ -1,0 +1,19 @@
+// The framework's `new`: every object is created from a named pool with a tag, and
+// starts zero-filled. `delete` returns the block to the pool.
+//
+//   Device* device = new (NonPagedPool, gKnDefaultPoolTag) Device;
+//   ...
+//   delete device;
+#pragma once
+
+#include <ntddk.h>
+
+#include "knmemory.h"
+
+void* __cdecl operator new(size_t Size, POOL_TYPE PoolType, ULONG Tag);
+void* __cdecl operator new[](size_t Size, POOL_TYPE PoolType, ULONG Tag);
+
+// Only reached when a constructor throws, which kernel code never does; declared so that
+// the new above has its matching form.
+void __cdecl operator delete(void* Memory, POOL_TYPE PoolType, ULONG Tag);
+void __cdecl operator delete[](void* Memory, POOL_TYPE PoolType, ULONG Tag);
