@@ -48,7 +48,8 @@
 #define CONST const
 #define VOID void
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
-#define POINTER_ALIGNMENT
+/* Win64: parameter members so marked start on 8-byte boundaries (IO_STACK_LOCATION). */
+#define POINTER_ALIGNMENT __attribute__((aligned(8)))
 #define ANYSIZE_ARRAY 1
 #ifndef FALSE
 #define FALSE 0
@@ -1010,26 +1011,26 @@ typedef struct _IO_STACK_LOCATION {
     struct {
       PVOID SecurityContext;
       ULONG Options;
-      USHORT FileAttributes;
+      USHORT POINTER_ALIGNMENT FileAttributes;
       USHORT ShareAccess;
-      ULONG EaLength;
+      ULONG POINTER_ALIGNMENT EaLength;
     } Create;
     struct {
       ULONG Length;
-      ULONG Key;
+      ULONG POINTER_ALIGNMENT Key;
       ULONG Flags;
       LARGE_INTEGER ByteOffset;
     } Read;
     struct {
       ULONG Length;
-      ULONG Key;
+      ULONG POINTER_ALIGNMENT Key;
       ULONG Flags;
       LARGE_INTEGER ByteOffset;
     } Write;
     struct {
       ULONG OutputBufferLength;
-      ULONG InputBufferLength;
-      ULONG IoControlCode;
+      ULONG POINTER_ALIGNMENT InputBufferLength;
+      ULONG POINTER_ALIGNMENT IoControlCode;
       PVOID Type3InputBuffer;
     } DeviceIoControl;
     struct {
@@ -1052,7 +1053,7 @@ typedef struct _IO_STACK_LOCATION {
       ULONG WhichSpace;
       PVOID Buffer;
       ULONG Offset;
-      ULONG Length;
+      ULONG POINTER_ALIGNMENT Length;
     } ReadWriteConfig;
     struct {
       BOOLEAN Lock;
@@ -1062,12 +1063,12 @@ typedef struct _IO_STACK_LOCATION {
     } QueryId;
     struct {
       DEVICE_TEXT_TYPE DeviceTextType;
-      LCID LocaleId;
+      LCID POINTER_ALIGNMENT LocaleId;
     } QueryDeviceText;
     struct {
       BOOLEAN InPath;
       BOOLEAN Reserved[3];
-      DEVICE_USAGE_NOTIFICATION_TYPE Type;
+      DEVICE_USAGE_NOTIFICATION_TYPE POINTER_ALIGNMENT Type;
     } UsageNotification;
     struct {
       SYSTEM_POWER_STATE PowerState;
@@ -1080,9 +1081,9 @@ typedef struct _IO_STACK_LOCATION {
         ULONG SystemContext;
         SYSTEM_POWER_STATE_CONTEXT SystemPowerStateContext;
       };
-      POWER_STATE_TYPE Type;
-      POWER_STATE State;
-      POWER_ACTION ShutdownType;
+      POWER_STATE_TYPE POINTER_ALIGNMENT Type;
+      POWER_STATE POINTER_ALIGNMENT State;
+      POWER_ACTION POINTER_ALIGNMENT ShutdownType;
     } Power;
     struct {
       PVOID AllocatedResources;
