@@ -434,6 +434,7 @@ typedef struct _OBJECT_HANDLE_INFORMATION {
 #define GENERIC_WRITE 0x40000000L
 #define GENERIC_EXECUTE 0x20000000L
 #define GENERIC_ALL 0x10000000L
+#define MAXIMUM_ALLOWED 0x02000000L
 #define THREAD_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0xFFFF)
 
 WDMSIM_BEGIN_C
@@ -527,6 +528,7 @@ WDMSIM_BEGIN_C
 int wdmsim_swprintf(wchar_t *Buffer, const wchar_t *Format, ...);
 int wdmsim_vswprintf(wchar_t *Buffer, const wchar_t *Format, va_list Args);
 int wdmsim__snwprintf(wchar_t *Buffer, size_t Count, const wchar_t *Format, ...);
+int wdmsim__vsnwprintf(wchar_t *Buffer, size_t Count, const wchar_t *Format, va_list Args);
 size_t wdmsim_wcslen(const wchar_t *String);
 wchar_t *wdmsim_wcscpy(wchar_t *Destination, const wchar_t *Source);
 wchar_t *wdmsim_wcscat(wchar_t *Destination, const wchar_t *Source);
@@ -539,6 +541,7 @@ WDMSIM_END_C
 #define swprintf wdmsim_swprintf
 #define vswprintf wdmsim_vswprintf
 #define _snwprintf wdmsim__snwprintf
+#define _vsnwprintf wdmsim__vsnwprintf
 #define wcslen wdmsim_wcslen
 #define wcscpy wdmsim_wcscpy
 #define wcscat wdmsim_wcscat
@@ -1271,6 +1274,8 @@ typedef enum _DEVICE_REGISTRY_PROPERTY {
 #define RTL_QUERY_REGISTRY_NOEXPAND 0x00000010
 #define RTL_QUERY_REGISTRY_DIRECT 0x00000020
 #define RTL_QUERY_REGISTRY_DELETE 0x00000040
+#define RTL_QUERY_REGISTRY_TYPECHECK 0x00000100
+#define RTL_QUERY_REGISTRY_TYPECHECK_SHIFT 24
 
 typedef NTSTATUS (NTAPI RTL_QUERY_REGISTRY_ROUTINE)(PWSTR ValueName, ULONG ValueType, PVOID ValueData,
                                                     ULONG ValueLength, PVOID Context, PVOID EntryContext);
@@ -1298,6 +1303,22 @@ typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
   ULONG DataLength;
   UCHAR Data[1];
 } KEY_VALUE_PARTIAL_INFORMATION, *PKEY_VALUE_PARTIAL_INFORMATION;
+
+typedef struct _KEY_VALUE_BASIC_INFORMATION {
+  ULONG TitleIndex;
+  ULONG Type;
+  ULONG NameLength;
+  WCHAR Name[1];
+} KEY_VALUE_BASIC_INFORMATION, *PKEY_VALUE_BASIC_INFORMATION;
+
+typedef struct _KEY_VALUE_FULL_INFORMATION {
+  ULONG TitleIndex;
+  ULONG Type;
+  ULONG DataOffset;
+  ULONG DataLength;
+  ULONG NameLength;
+  WCHAR Name[1];
+} KEY_VALUE_FULL_INFORMATION, *PKEY_VALUE_FULL_INFORMATION;
 
 WDMSIM_BEGIN_C
 NTSYSAPI NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes);
