@@ -7,6 +7,7 @@ check failed, 2 if the file cannot be read as a PE image at all.
 usage: check_sys.py IMAGE.sys
 """
 import os
+import struct
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -100,6 +101,34 @@ def check_sections(image, report):
                   "writable and executable: " + ", ".join(mixed))
 
 
+def function_list_entries(image, symbol):
+    """Entries of a GNU ld constructor or destructor list: -1, the entries, 0."""
+    rva = image.symbol_rva(symbol)
+    if rva is None:
+        return None
+    entries = []
+    while True:
+        (value,) = struct.unpack("<Q", image.read(rva + 8 * (len(entries) + 1), 8, symbol))
+        if value == 0 or len(entries) == 64:
+            return entries
+        entries.append(value)
+
+
+def check_runtime(image, report):
+    # Nothing runs a driver's static constructors or destructors, and the kernel loader
+    # sets up no thread-local storage: such objects would silently stay unconstructed.
+    for symbol, kind in (("__CTOR_LIST__", "constructors"), ("__DTOR_LIST__", "destructors")):
+        entries = function_list_entries(image, symbol)
+        if entries is None:
+            report.ok("no static " + kind, "the image has no %s" % symbol)
+        else:
+            report.expect(not entries, "no static " + kind, "%s is empty" % symbol,
+                          "%s holds %d entries" % (symbol, len(entries)))
+    tls_rva, tls_size = image.directory(peimage.DIR_TLS)
+    report.expect(not (tls_rva and tls_size), "no thread-local storage", "no TLS directory",
+                  "TLS directory of %d bytes" % tls_size)
+
+
 def check_identification(image, report):
     check = "identification string in read-only data"
     wanted = IDENTIFICATION + b"\0"
@@ -145,6 +174,7 @@ def main(argv):
             check_entry(image, report)
             check_imports(image, report)
             check_sections(image, report)
+            check_runtime(image, report)
             check_identification(image, report)
             check_checksum(image, report)
     except (OSError, peimage.PeFormatError) as error:

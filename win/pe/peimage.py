@@ -21,6 +21,7 @@ SCN_MEM_WRITE = 0x80000000
 
 DIR_IMPORT = 1
 DIR_BASERELOC = 5
+DIR_TLS = 9
 DIR_DELAY_IMPORT = 13
 
 # Field offsets inside the PE32+ optional header.
@@ -194,6 +195,12 @@ class PeImage:
         if end > len(self.data):
             raise PeFormatError("section %s runs past the end of the file" % section.name)
         return self.data[section.raw_offset:end]
+
+    def read(self, rva, size, what):
+        offset = self.rva_to_offset(rva, what)
+        if offset + size > len(self.data):
+            raise PeFormatError("%s at RVA 0x%X runs past the end of the file" % (what, rva))
+        return self.data[offset:offset + size]
 
     def directory(self, index):
         if index < len(self.data_directories):
