@@ -7,6 +7,9 @@
 // Both sides must be built as the debug kernel headers are (DBG=1), which gives
 // IO_REMOVE_LOCK its tracking block.
 #include <ntddk.h>
+#include <usb.h>
+#include <usbdlib.h>
+#include <usbioctl.h>
 
 #define WIN64_SIZE(type, bytes) \
   static_assert(sizeof(type) == (bytes), "sizeof(" #type ") must be " #bytes " on Win64")
@@ -177,10 +180,87 @@ WIN64_OFFSET(IO_ERROR_LOG_PACKET, FinalStatus, 20);
 WIN64_OFFSET(IO_ERROR_LOG_PACKET, DeviceOffset, 32);
 WIN64_OFFSET(IO_ERROR_LOG_PACKET, DumpData, 40);
 
-// ---------------------------------------------------------------- USB
-// TODO(usb headers): once wdmsim/include has <usb.h>, <usbdlib.h> and <usbioctl.h>,
-// include them above and assert here:
-//   URB 152; _URB_BULK_OR_INTERRUPT_TRANSFER 128; _URB_PIPE_REQUEST 40;
-//   USBD_PIPE_INFORMATION 24; USBD_INTERFACE_INFORMATION up to Pipes 24;
-//   USB_NODE_INFORMATION 76; the packed descriptors (device 18, configuration 9,
-//   interface 9, endpoint 7, interface association 8).
+// ---------------------------------------------------------------- USB descriptors
+// Byte-packed as on the wire: the driver reads them straight out of device data.
+WIN64_SIZE(USB_COMMON_DESCRIPTOR, 2);
+WIN64_SIZE(USB_DEVICE_DESCRIPTOR, 18);
+WIN64_OFFSET(USB_DEVICE_DESCRIPTOR, idVendor, 8);
+WIN64_SIZE(USB_CONFIGURATION_DESCRIPTOR, 9);
+WIN64_OFFSET(USB_CONFIGURATION_DESCRIPTOR, wTotalLength, 2);
+WIN64_OFFSET(USB_CONFIGURATION_DESCRIPTOR, bNumInterfaces, 4);
+WIN64_SIZE(USB_INTERFACE_DESCRIPTOR, 9);
+WIN64_SIZE(USB_ENDPOINT_DESCRIPTOR, 7);
+WIN64_OFFSET(USB_ENDPOINT_DESCRIPTOR, wMaxPacketSize, 4);
+WIN64_SIZE(USB_INTERFACE_ASSOCIATION_DESCRIPTOR, 8);
+WIN64_SIZE(USB_STRING_DESCRIPTOR, 4);
+
+// ---------------------------------------------------------------- URBs
+// The USB stack below reads these at fixed offsets; every request has the 24-byte header.
+WIN64_SIZE(URB, 152);
+WIN64_SIZE(struct _URB_HEADER, 24);
+WIN64_OFFSET(struct _URB_HEADER, Function, 2);
+WIN64_OFFSET(struct _URB_HEADER, Status, 4);
+WIN64_OFFSET(struct _URB_HEADER, UsbdDeviceHandle, 8);
+WIN64_OFFSET(struct _URB_HEADER, UsbdFlags, 16);
+
+WIN64_SIZE(struct _URB_BULK_OR_INTERRUPT_TRANSFER, 128);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, PipeHandle, 24);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, TransferFlags, 32);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, TransferBufferLength, 36);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, TransferBuffer, 40);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, TransferBufferMDL, 48);
+WIN64_OFFSET(struct _URB_BULK_OR_INTERRUPT_TRANSFER, UrbLink, 56);
+WIN64_OFFSET(URB, UrbBulkOrInterruptTransfer.TransferBuffer, 40);
+
+WIN64_SIZE(struct _URB_PIPE_REQUEST, 40);
+WIN64_SIZE(struct _URB_CONTROL_TRANSFER, 136);
+WIN64_OFFSET(struct _URB_CONTROL_TRANSFER, SetupPacket, 128);
+
+WIN64_SIZE(struct _URB_SELECT_CONFIGURATION, 88);
+WIN64_OFFSET(struct _URB_SELECT_CONFIGURATION, ConfigurationDescriptor, 24);
+WIN64_OFFSET(struct _URB_SELECT_CONFIGURATION, ConfigurationHandle, 32);
+WIN64_OFFSET(struct _URB_SELECT_CONFIGURATION, Interface, 40);
+WIN64_SIZE(struct _URB_SELECT_INTERFACE, 80);
+WIN64_OFFSET(struct _URB_SELECT_INTERFACE, ConfigurationHandle, 24);
+WIN64_OFFSET(struct _URB_SELECT_INTERFACE, Interface, 32);
+
+WIN64_SIZE(struct _URB_CONTROL_DESCRIPTOR_REQUEST, 136);
+WIN64_OFFSET(struct _URB_CONTROL_DESCRIPTOR_REQUEST, TransferBufferLength, 36);
+WIN64_OFFSET(struct _URB_CONTROL_DESCRIPTOR_REQUEST, TransferBuffer, 40);
+WIN64_OFFSET(struct _URB_CONTROL_DESCRIPTOR_REQUEST, Index, 130);
+WIN64_OFFSET(struct _URB_CONTROL_DESCRIPTOR_REQUEST, DescriptorType, 131);
+WIN64_OFFSET(struct _URB_CONTROL_DESCRIPTOR_REQUEST, LanguageId, 132);
+
+WIN64_SIZE(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, 136);
+WIN64_OFFSET(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, TransferFlags, 32);
+WIN64_OFFSET(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, RequestTypeReservedBits, 128);
+WIN64_OFFSET(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, Request, 129);
+WIN64_OFFSET(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, Value, 130);
+WIN64_OFFSET(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST, Index, 132);
+WIN64_SIZE(struct _URB_CONTROL_FEATURE_REQUEST, 136);
+WIN64_OFFSET(struct _URB_CONTROL_FEATURE_REQUEST, FeatureSelector, 130);
+WIN64_OFFSET(struct _URB_CONTROL_FEATURE_REQUEST, Index, 132);
+WIN64_SIZE(struct _URB_CONTROL_GET_STATUS_REQUEST, 136);
+WIN64_OFFSET(struct _URB_CONTROL_GET_STATUS_REQUEST, TransferBuffer, 40);
+WIN64_OFFSET(struct _URB_CONTROL_GET_STATUS_REQUEST, Index, 132);
+
+// ---------------------------------------------------------------- USBD interface and pipe records
+WIN64_SIZE(USBD_PIPE_INFORMATION, 24);
+WIN64_OFFSET(USBD_PIPE_INFORMATION, PipeType, 4);
+WIN64_OFFSET(USBD_PIPE_INFORMATION, PipeHandle, 8);
+WIN64_OFFSET(USBD_PIPE_INFORMATION, MaximumTransferSize, 16);
+WIN64_OFFSET(USBD_PIPE_INFORMATION, PipeFlags, 20);
+// A fixed part of 24 bytes followed by NumberOfPipes pipe records.
+WIN64_OFFSET(USBD_INTERFACE_INFORMATION, InterfaceHandle, 8);
+WIN64_OFFSET(USBD_INTERFACE_INFORMATION, NumberOfPipes, 16);
+WIN64_OFFSET(USBD_INTERFACE_INFORMATION, Pipes, 24);
+WIN64_SIZE(USBD_INTERFACE_INFORMATION, 48);
+WIN64_SIZE(USBD_INTERFACE_LIST_ENTRY, 16);
+
+// ---------------------------------------------------------------- hub and idle controls
+WIN64_SIZE(USB_HUB_DESCRIPTOR, 71);
+WIN64_SIZE(USB_HUB_INFORMATION, 72);
+WIN64_OFFSET(USB_HUB_INFORMATION, HubIsBusPowered, 71);
+WIN64_SIZE(USB_NODE_INFORMATION, 76);
+WIN64_OFFSET(USB_NODE_INFORMATION, u, 4);
+WIN64_SIZE(USB_IDLE_CALLBACK_INFO, 16);
