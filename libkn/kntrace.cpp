@@ -9,6 +9,16 @@ char gKnTracePrefix[kKnTracePrefixSize];
 // A KnTrace message: at most 255 characters and the terminator.
 static const ULONG kTraceBufferSize = 256;
 
+void KnTraceSetPrefix(const char* Prefix) {
+  ULONG i = 0;
+  for (; Prefix != NULL && i < kKnTracePrefixSize - 1 && Prefix[i] != '\0'; i++) {
+    gKnTracePrefix[i] = Prefix[i];
+  }
+  for (; i < kKnTracePrefixSize; i++) {
+    gKnTracePrefix[i] = '\0';
+  }
+}
+
 // Every writer stores at the current position and advances only while a slot stays free
 // for the terminator; the caller guarantees Out < End.
 static inline char* PutChar(char* Out, char* End, char Character) {

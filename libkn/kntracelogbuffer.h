@@ -45,6 +45,8 @@ class KnTraceLogBuffer {
   void WriteMessage(const char* Message, const char* Prefix);
 
   ULONG GetSize() const { return mSize; }
+  // The block as tools see it (control block first); NULL without memory.
+  const UCHAR* GetMemory() const { return mMemory; }
 
  private:
   // Under mLock: copies Text into the ring from the write offset on, wrapping at the data
