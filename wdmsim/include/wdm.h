@@ -176,6 +176,25 @@ typedef struct _STRING {
 #define KernelMode 0
 #define UserMode 1
 
+/* Thread priorities */
+#define LOW_PRIORITY 0
+#define LOW_REALTIME_PRIORITY 16
+#define HIGH_PRIORITY 31
+#define MAXIMUM_PRIORITY 32
+
+/* Pseudo handles of the calling process and thread */
+#define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
+#define NtCurrentThread() ((HANDLE)(LONG_PTR)-2)
+
+/* DbgPrintEx component ids and levels */
+#define DPFLTR_IHVDRIVER_ID 77
+#define DPFLTR_IHVBUS_ID 80
+#define DPFLTR_DEFAULT_ID 101
+#define DPFLTR_ERROR_LEVEL 0
+#define DPFLTR_WARNING_LEVEL 1
+#define DPFLTR_TRACE_LEVEL 2
+#define DPFLTR_INFO_LEVEL 3
+
 /* ---------------------------------------------------------------- dispatcher objects */
 typedef struct _DISPATCHER_HEADER {
   UCHAR Type;

@@ -20,6 +20,7 @@ struct KernelOptions {
   ClockMode clock = ClockMode::Virtual;
   Platform platform = Platform::WindowsVista;
   int criticalWorkerThreads = 2;
+  int delayedWorkerThreads = 1;
 };
 
 // One simulated machine. Constructing it boots the kernel: the DPC thread and the
@@ -28,6 +29,12 @@ struct KernelOptions {
 // Destroying it stops every kernel thread, runs the end-of-run checks (pool blocks,
 // IRPs, timers, work items, threads left behind are violations) and resets all state,
 // so the next Kernel starts clean. Exactly one Kernel may exist at a time.
+//
+// Virtual clock: when every kernel thread is blocked and nothing is queued, time jumps to
+// the earliest timer or timed wait (equal deadlines in the order they were set). When no
+// deadline is left and some thread waits for an object nobody can signal, a DEADLOCK
+// violation names every wait, and the test thread's wait ends with STATUS_TIMEOUT so the
+// run can finish.
 class Kernel {
  public:
   explicit Kernel(const KernelOptions& options = KernelOptions());
@@ -49,6 +56,9 @@ class Kernel {
   void SetPlatform(Platform platform);
 
   static Kernel* Current();  // NULL when no machine is running
+
+ private:
+  bool mOwnsMachine = false;  // false for a second Kernel constructed while one runs
 };
 
 // Runs fn on a new registered kernel thread at PASSIVE_LEVEL and waits for it to return
