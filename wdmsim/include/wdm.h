@@ -760,6 +760,29 @@ typedef struct _MDL {
   ULONG ByteOffset;
 } MDL, *PMDL;
 
+/* Pages and MDLs: an MDL is followed by one page frame number per page it spans. */
+typedef ULONG_PTR PFN_NUMBER, *PPFN_NUMBER;
+#define PAGE_SIZE 0x1000
+#define PAGE_SHIFT 12L
+#define BYTE_OFFSET(Va) ((ULONG)((LONG_PTR)(Va) & (PAGE_SIZE - 1)))
+#define PAGE_ALIGN(Va) ((PVOID)((ULONG_PTR)(Va) & ~((ULONG_PTR)PAGE_SIZE - 1)))
+#define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size) \
+  ((ULONG)((((ULONG_PTR)(Va) & (PAGE_SIZE - 1)) + (Size) + (PAGE_SIZE - 1)) >> PAGE_SHIFT))
+#define MDL_MAPPED_TO_SYSTEM_VA 0x0001
+#define MDL_PAGES_LOCKED 0x0002
+#define MDL_SOURCE_IS_NONPAGED_POOL 0x0004
+#define MDL_ALLOCATED_FIXED_SIZE 0x0008
+#define MDL_PARTIAL 0x0010
+#define MmGetMdlVirtualAddress(Mdl) ((PVOID)((PCHAR)((Mdl)->StartVa) + (Mdl)->ByteOffset))
+#define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
+#define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
+#define MmGetMdlPfnArray(Mdl) ((PPFN_NUMBER)((Mdl) + 1))
+
+/* Type field of the I/O manager's objects */
+#define IO_TYPE_DEVICE 0x00000003
+#define IO_TYPE_DRIVER 0x00000004
+#define IO_TYPE_IRP 0x00000006
+
 typedef struct _IRP {
   CSHORT Type;
   USHORT Size;

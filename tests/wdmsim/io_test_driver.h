@@ -1,0 +1,65 @@
+// What the I/O manager tests build on: a driver whose devices dispatch to functions the
+// test supplies, kernel threads a test can start and join, and violation messages.
+#pragma once
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <wdm.h>
+
+#include <wdmsim/io.h>
+#include <wdmsim/verifier.h>
+
+namespace iotest {
+
+using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT device, PIRP irp)>;
+
+// Loads a driver on construction; every device it creates runs its own Dispatch for every
+// major function. The destructor detaches and deletes the devices, newest first, and
+// unloads the driver.
+class TestDriver {
+ public:
+  explicit TestDriver(const std::u16string& serviceName = u"iotest");
+  ~TestDriver();
+  TestDriver(const TestDriver&) = delete;
+  TestDriver& operator=(const TestDriver&) = delete;
+
+  PDRIVER_OBJECT driver() const { return mDriver; }
+  // A device attached on top of below's stack (when given), with extensionSize bytes of
+  // extension for the test after the driver's own bookkeeping.
+  PDEVICE_OBJECT AddDevice(Dispatch dispatch, PDEVICE_OBJECT below = nullptr, ULONG extensionSize = 0);
+  // The test's part of the device extension.
+  static void* Extension(PDEVICE_OBJECT device);
+  // Detaches and deletes one device early.
+  void RemoveDevice(PDEVICE_OBJECT device);
+
+ private:
+  PDRIVER_OBJECT mDriver = nullptr;
+  std::vector<PDEVICE_OBJECT> mDevices;
+};
+
+// Dispatch behaviours.
+Dispatch CompleteWith(NTSTATUS status, ULONG_PTR information = 0);
+// Sends the request on to lower, reusing the current stack location.
+Dispatch SkipTo(PDEVICE_OBJECT lower);
+
+// A system thread (PsCreateSystemThread) running body; Join waits for it to end.
+class SystemThread {
+ public:
+  explicit SystemThread(std::function<void()> body);
+  ~SystemThread();
+  void Join();
+
+ private:
+  static void NTAPI Start(PVOID context);
+  std::function<void()> mBody;
+  PVOID mThread = nullptr;
+};
+
+// Violations recorded since the last call whose bugcheck is bugcheck and whose message
+// contains text.
+int CountViolations(const std::vector<wdmsim::Violation>& violations, const std::string& bugcheck,
+                    const std::string& text = std::string());
+
+}  // namespace iotest
