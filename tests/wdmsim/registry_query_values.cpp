@@ -157,12 +157,12 @@ TEST_F(QueryValues, MultiStringOneCallPerStringOrWholeWithNoExpand) {
       EXPECT_EQ(split.calls[i].data, Utf16(c.strings[i])) << "string " << i;
     }
 
-    // Whole: the stored bytes plus the terminator the registry read adds to every multi-string.
+    // Whole: exactly the stored bytes.
     Recorder whole;
     ASSERT_EQ(QueryOne(Entry(L"Ids", RTL_QUERY_REGISTRY_NOEXPAND), &whole), STATUS_SUCCESS);
     ASSERT_EQ(whole.calls.size(), 1u);
     EXPECT_EQ(whole.calls[0].type, static_cast<ULONG>(REG_MULTI_SZ));
-    EXPECT_EQ(whole.calls[0].data, Utf16(c.stored, true));
+    EXPECT_EQ(whole.calls[0].data, Utf16(c.stored, false));
   }
 }
 

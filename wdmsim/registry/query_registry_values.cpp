@@ -223,11 +223,13 @@ class TableQuery {
       ULONG expected = entry.DefaultType >> RTL_QUERY_REGISTRY_TYPECHECK_SHIFT;
       if (expected != REG_NONE && value.type != expected) return STATUS_OBJECT_TYPE_MISMATCH;
     }
-    // The routine gets its own terminated copy; a multi-string read from the registry
-    // gains one more terminator, so that its last string always ends.
+    // The routine gets its own copy, followed by terminators. A multi-string read from
+    // the registry is split as if it had one more terminator, so that its last string
+    // always ends (stored as two NULs it still yields one empty string); with
+    // RTL_QUERY_REGISTRY_NOEXPAND the routine sees the stored bytes as they are.
     std::vector<uint8_t> data(value.data);
     data.resize(data.size() + 2 * sizeof(WCHAR), 0);
-    if (value.type == REG_MULTI_SZ) length += sizeof(WCHAR);
+    if (value.type == REG_MULTI_SZ && !(entry.Flags & RTL_QUERY_REGISTRY_NOEXPAND)) length += sizeof(WCHAR);
     std::vector<WCHAR> name = TerminatedName(value.name);
     return Deliver(entry, name.data(), value.type, data.data(), length);
   }
