@@ -4,22 +4,22 @@
 
 #include "kntrace.h"
 
-void* __cdecl operator new(size_t Size, POOL_TYPE PoolType, ULONG Tag) {
+void* __cdecl operator new(size_t Size, POOL_TYPE PoolType, ULONG Tag) noexcept {
   KN_ASSERT(Size>0);
   return KnAllocateMemory(PoolType, Size, Tag, TRUE);
 }
 
-void* __cdecl operator new[](size_t Size, POOL_TYPE PoolType, ULONG Tag) {
+void* __cdecl operator new[](size_t Size, POOL_TYPE PoolType, ULONG Tag) noexcept {
   return operator new(Size, PoolType, Tag);
 }
 
-void __cdecl operator delete(void* Memory, POOL_TYPE, ULONG) {
+void __cdecl operator delete(void* Memory, POOL_TYPE, ULONG) noexcept {
   if (Memory != NULL) {
     KnFreeMemory(Memory);
   }
 }
 
-void __cdecl operator delete[](void* Memory, POOL_TYPE, ULONG) {
+void __cdecl operator delete[](void* Memory, POOL_TYPE, ULONG) noexcept {
   if (Memory != NULL) {
     KnFreeMemory(Memory);
   }

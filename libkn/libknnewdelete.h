@@ -10,10 +10,12 @@
 
 #include "knmemory.h"
 
-void* __cdecl operator new(size_t Size, POOL_TYPE PoolType, ULONG Tag);
-void* __cdecl operator new[](size_t Size, POOL_TYPE PoolType, ULONG Tag);
+// NULL when the pool has no memory. Declared noexcept so that the compiler checks the
+// result before it runs a constructor: callers test for NULL.
+void* __cdecl operator new(size_t Size, POOL_TYPE PoolType, ULONG Tag) noexcept;
+void* __cdecl operator new[](size_t Size, POOL_TYPE PoolType, ULONG Tag) noexcept;
 
 // Only reached when a constructor throws, which kernel code never does; declared so that
 // the new above has its matching form.
-void __cdecl operator delete(void* Memory, POOL_TYPE PoolType, ULONG Tag);
-void __cdecl operator delete[](void* Memory, POOL_TYPE PoolType, ULONG Tag);
+void __cdecl operator delete(void* Memory, POOL_TYPE PoolType, ULONG Tag) noexcept;
+void __cdecl operator delete[](void* Memory, POOL_TYPE PoolType, ULONG Tag) noexcept;

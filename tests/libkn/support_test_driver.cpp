@@ -2,6 +2,7 @@
 
 #include <wdmsim/io.h>
 
+#include "kntrace.h"
 #include "libknnewdelete.h"
 
 namespace kntest {
@@ -23,6 +24,15 @@ class TestDriverObject : public KnDriverObject {
 TestDriverSettings& TestDriver() { return gSettings; }
 
 void ResetTestDriver() { gSettings = TestDriverSettings(); }
+
+FrameworkTest::FrameworkTest() {
+  ResetTestDriver();
+  wdmsim::SetDebugSink(wdmsim::DebugSink::Memory);
+  gKnTraceMask = 3;
+  KnTraceSetPrefix("");
+  wdmsim::TakeDebugOutput();
+  wdmsim::TakeRtlAssertCount();
+}
 
 PDRIVER_OBJECT LoadTestDriver(const std::u16string& serviceName, NTSTATUS* status) {
   return wdmsim::LoadDriver(serviceName, DriverEntry, status);

@@ -7,7 +7,13 @@
 #include <functional>
 #include <string>
 
+#include <gtest/gtest.h>
+#include <wdmsim/debugout.h>
+#include <wdmsim/kernel.h>
+
 #include "kndriverobject.h"
+#include "kndeviceobject.h"
+#include "libknnewdelete.h"
 
 namespace kntest {
 
@@ -30,5 +36,31 @@ void ResetTestDriver();
 // Loads the framework's entry point as the service serviceName (the service key is
 // created if missing). NULL when the entry point failed; *status gets its result.
 PDRIVER_OBJECT LoadTestDriver(const std::u16string& serviceName = kTestServiceName, NTSTATUS* status = nullptr);
+
+// A framework device object of class T (created the way the framework creates objects)
+// with its platform object, ready for requests. NULL if either could not be created.
+template <class T>
+T* CreateBoundDevice(ULONG extensionSize = 0) {
+  T* object = new (NonPagedPool, gKnDefaultPoolTag) T;
+  if (object == NULL) return NULL;
+  if (!NT_SUCCESS(object->CreateDevice(NULL, FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE, extensionSize))) {
+    delete object;
+    return NULL;
+  }
+  object->GetDeviceObject()->Flags &= ~DO_DEVICE_INITIALIZING;
+  return object;
+}
+
+// A test on a fresh simulated machine with the framework's globals as after image load:
+// test driver defaults, trace mask 3, no prefix, debug output and assertion count cleared.
+// The machine's shutdown after the test reports any pool block, IRP or device left behind.
+class FrameworkTest : public testing::Test {
+ protected:
+  FrameworkTest();
+  // Everything traced (or asserted by the platform) since the last call.
+  std::string TakeTrace() { return wdmsim::TakeDebugOutput(); }
+
+  wdmsim::Kernel mKernel;
+};
 
 }  // namespace kntest
