@@ -11,6 +11,8 @@
 #include <wdmsim/io.h>
 #include <wdmsim/verifier.h>
 
+#include "expect_violation.h"
+
 namespace iotest {
 
 using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT device, PIRP irp)>;
