@@ -33,6 +33,20 @@ static char* PutRepeated(char* Out, char* End, char Character, int Count) {
   return Out;
 }
 
+// Count characters of Text with the same result as Count calls of PutChar, copied at once
+// (messages are mostly literal text).
+static char* PutRun(char* Out, char* End, const char* Text, SIZE_T Count) {
+  SIZE_T room = (SIZE_T)(End - 1 - Out);  // free slots before the last one
+  if (Count <= room) {
+    RtlCopyMemory(Out, Text, Count);
+    return Out + Count;
+  }
+  RtlCopyMemory(Out, Text, room);
+  Out += room;
+  *Out = Text[Count - 1];
+  return Out;
+}
+
 static char* PutText(char* Out, char* End, const char* Text) {
   for (; *Text != '\0'; Text++) {
     Out = PutChar(Out, End, *Text);
@@ -51,8 +65,12 @@ static char* PutField(char* Out, char* End, const CharType* Text, int Width, int
   if ((Flags & KnFormatLeft) == 0) {
     Out = PutRepeated(Out, End, ' ', Width - length);
   }
-  for (int i = 0; i < length; i++) {
-    Out = PutChar(Out, End, (char)(Text[i] & 0xFF));
+  if (sizeof(CharType) == 1) {
+    Out = PutRun(Out, End, (const char*)Text, (SIZE_T)length);
+  } else {
+    for (int i = 0; i < length; i++) {
+      Out = PutChar(Out, End, (char)(Text[i] & 0xFF));
+    }
   }
   if ((Flags & KnFormatLeft) != 0) {
     Out = PutRepeated(Out, End, ' ', Width - length);
@@ -164,7 +182,11 @@ char* KnTraceVFormat(char* Buffer, char* End, const char* Format, va_list Args) 
 
   while (*f != '\0') {
     if (*f != '%') {
-      out = PutChar(out, End, *f++);
+      const char* run = f;
+      while (*f != '\0' && *f != '%') {
+        f++;
+      }
+      out = PutRun(out, End, run, (SIZE_T)(f - run));
       continue;
     }
     f++;
