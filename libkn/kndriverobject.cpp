@@ -144,6 +144,7 @@ NTSTATUS KnDriverObject::DispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
     KN_TRACE(0x1, "%P:KnDriverObject::DispatchPnp: FATAL: ext->mDevObj==NULL, DO=%p IRP=%p 0x%B '%s'\n",
              DeviceObject, Irp, minor, KnPnpMinorFunctionName(minor));
+    // No handler runs to give this request's reference back.
     ext->mRemoveLock.Release(Irp);
     return CompleteRequestStatus(Irp, STATUS_NO_SUCH_DEVICE);
   }
@@ -161,6 +162,7 @@ NTSTATUS KnDriverObject::DispatchPower(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
     KN_TRACE(0x1, "%P:KnDriverObject::DispatchPower: FATAL: ext->mDevObj==NULL, DO=%p IRP=%p 0x%B '%s'\n",
              DeviceObject, Irp, minor, KnPowerMinorFunctionName(minor));
+    // No handler runs to give this request's reference back.
     ext->mRemoveLock.Release(Irp);
     PoStartNextPowerIrp(Irp);
     return CompleteRequestStatus(Irp, STATUS_NO_SUCH_DEVICE);
