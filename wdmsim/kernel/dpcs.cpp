@@ -10,6 +10,7 @@
 #include "kernel/objects.h"
 #include "kernel/spinlocks.h"
 #include "kernel/timers.h"
+#include "kernel/workitems.h"
 
 namespace wdmsim {
 namespace kernel {
@@ -49,7 +50,11 @@ PRKDPC NextDpc(sched::Guard& guard, ThreadRecord* self) {
   WaitTarget target;
   target.what = "the DPC queue";
   for (;;) {
-    if (realTime) timers::ExpireDue(guard, clock::InterruptTime());
+    if (realTime) {
+      int64_t now = clock::InterruptTime();
+      timers::ExpireDue(guard, now);
+      workitems::StartStarvedWorkers(guard, now);
+    }
     while (!q.dpcs.empty()) {
       PRKDPC dpc = q.dpcs.front();
       q.dpcs.pop_front();
@@ -62,7 +67,8 @@ PRKDPC NextDpc(sched::Guard& guard, ThreadRecord* self) {
       return dpc;
     }
     if (sched::Stopping(guard)) return nullptr;
-    int64_t deadline = realTime ? timers::EarliestDeadline(guard) : kNoDeadline;
+    int64_t deadline = realTime ? std::min(timers::EarliestDeadline(guard), workitems::StarvationDeadline(guard))
+                                : kNoDeadline;
     sched::Block(guard, self, BlockKind::Idle, deadline, target);
   }
 }
@@ -131,7 +137,7 @@ BOOLEAN Insert(sched::Guard& guard, PRKDPC dpc, PVOID argument1, PVOID argument2
   return TRUE;
 }
 
-void TimerQueueChanged(sched::Guard& guard) {
+void DeadlinesChanged(sched::Guard& guard) {
   Queue& q = queue();
   if (clock::Mode() == ClockMode::Real && q.thread != nullptr) sched::Wake(guard, q.thread);
 }

@@ -12,8 +12,9 @@ namespace dpcs {
 void Start();
 // KeInsertQueueDpc with the dispatcher lock held (timer expiry queues DPCs this way).
 BOOLEAN Insert(sched::Guard& guard, PRKDPC dpc, PVOID argument1, PVOID argument2);
-// Real mode: the earliest timer changed, so the DPC thread must look at the clock again.
-void TimerQueueChanged(sched::Guard& guard);
+// Real mode: the DPC thread also expires timers and starts workers for starving work
+// items as the wall clock reaches them; when their deadlines change it looks again.
+void DeadlinesChanged(sched::Guard& guard);
 // End of run: reports DPCs still queued and forgets the queue.
 void ReportQueuedAndReset(sched::Guard& guard);
 

@@ -5,17 +5,11 @@
 
 #include <wdmsim/verifier.h>
 
+#include "io/device_references.h"
 #include "kernel/handles.h"
 #include "kernel/irql.h"
 #include "kernel/threads.h"
 
-// Device object references belong to the I/O manager; it may not be linked in.
-namespace wdmsim {
-namespace io {
-bool ReferenceDeviceObject(const void* object) __attribute__((weak));
-bool DereferenceDeviceObject(const void* object) __attribute__((weak));
-}  // namespace io
-}  // namespace wdmsim
 
 namespace wdmsim {
 namespace kernel {
@@ -146,7 +140,7 @@ extern "C" LONG_PTR FASTCALL ObfReferenceObject(PVOID Object) {
   RequireIrqlAtMost(DISPATCH_LEVEL, "ObfReferenceObject", Object);
   LONG_PTR count = objects::Reference(Object);
   if (count >= 0) return count;
-  if (wdmsim::io::ReferenceDeviceObject && wdmsim::io::ReferenceDeviceObject(Object)) return 1;
+  if (wdmsim::io::ReferenceDeviceObject(Object)) return 1;  // device objects are counted by the I/O manager
   wdmsim::ReportViolation("INVALID_OBJECT_REFERENCE", Object, "ObReferenceObject(%p): not a live kernel object",
                           Object);
   return 0;
@@ -157,7 +151,7 @@ extern "C" LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object) {
   RequireIrqlAtMost(DISPATCH_LEVEL, "ObfDereferenceObject", Object);
   LONG_PTR count = objects::Dereference(Object);
   if (count >= 0) return count;
-  if (wdmsim::io::DereferenceDeviceObject && wdmsim::io::DereferenceDeviceObject(Object)) return 0;
+  if (wdmsim::io::DereferenceDeviceObject(Object)) return 0;
   // More dereferences than references: the object is already gone.
   wdmsim::ReportViolation("REFERENCE_BY_POINTER", Object,
                           "ObDereferenceObject(%p): no reference left (object unknown or already deleted)", Object);

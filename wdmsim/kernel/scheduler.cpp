@@ -46,7 +46,7 @@ bool HasDeadline(const ThreadRecord* t) {
 }
 
 int64_t EarliestDeadline(Guard& guard) {
-  int64_t next = timers::EarliestDeadline(guard);
+  int64_t next = std::min(timers::EarliestDeadline(guard), workitems::StarvationDeadline(guard));
   for (ThreadRecord* t : state().threads) {
     if (HasDeadline(t)) next = std::min(next, t->deadline);
   }
@@ -66,6 +66,7 @@ ThreadRecord* FirstIdleWatcher() {
 // Virtual time has reached `now`: timers and timed waits due by then end, equal deadlines
 // in the order they were set.
 void ExpireDue(Guard& guard, int64_t now) {
+  workitems::StartStarvedWorkers(guard, now);
   std::vector<ThreadRecord*> due;
   for (ThreadRecord* t : state().threads) {
     if (HasDeadline(t) && t->deadline <= now) due.push_back(t);
@@ -144,8 +145,6 @@ void Reschedule(Guard& guard) {
   State& s = state();
   const bool virtualTime = clock::Mode() == ClockMode::Virtual;
   while (s.runnable == 0) {
-    if (!s.stopping && workitems::StartWorkerIfStarved(guard)) continue;
-
     int64_t next = EarliestDeadline(guard);
     ThreadRecord* watcher = FirstIdleWatcher();
     if (virtualTime && next != kNoDeadline && (watcher == nullptr || next <= watcher->deadline)) {
@@ -310,13 +309,14 @@ bool WaitQueue::WaitOnce(Guard& guard, ThreadRecord* self, BlockKind kind, const
   return !(kind == BlockKind::Idle && Stopping(guard));
 }
 
-void WaitQueue::WakeOne(Guard& guard) {
+bool WaitQueue::WakeOne(Guard& guard) {
   for (ThreadRecord* t : mWaiters) {
     if (t->blocked) {
       Wake(guard, t);
-      return;
+      return true;
     }
   }
+  return false;
 }
 
 void WaitQueue::WakeAll(Guard& guard) {

@@ -64,7 +64,8 @@ class WaitQueue {
     }
     return true;
   }
-  void WakeOne(Guard& guard);
+  // True when a waiter was woken.
+  bool WakeOne(Guard& guard);
   void WakeAll(Guard& guard);
   bool HasWaiters() const { return !mWaiters.empty(); }
 

@@ -90,14 +90,27 @@ void ReleaseAndLower(PKSPIN_LOCK lock, KIRQL newIrql, const char* service) {
 
 }  // namespace
 
-void CheckLowering(const ThreadRecord* self, KIRQL newIrql, const char* service) {
+// KeInitializeSpinLock is inline and may reset a lock behind our back: only locks that
+// still carry this thread's mark count as held.
+void ForgetLocksNoLongerHeld(ThreadRecord* self) {
+  auto& held = self->heldSpinLocks;
+  ULONG_PTR mine = OwnerValue(self);
+  held.erase(std::remove_if(held.begin(), held.end(),
+                            [mine](PKSPIN_LOCK lock) { return __atomic_load_n(lock, __ATOMIC_RELAXED) != mine; }),
+             held.end());
+}
+
+void CheckLowering(ThreadRecord* self, KIRQL newIrql, const char* service) {
   if (newIrql >= DISPATCH_LEVEL || self->heldSpinLocks.empty()) return;
+  ForgetLocksNoLongerHeld(self);
+  if (self->heldSpinLocks.empty()) return;
   ReportViolation("DRIVER_VERIFIER_DETECTED_VIOLATION", self->heldSpinLocks.back(),
                   "%s lowers IRQL to %u on %s while it still holds spin lock %p", service, newIrql,
                   self->name.c_str(), static_cast<void*>(self->heldSpinLocks.back()));
 }
 
-void ReportHeld(const ThreadRecord* self, const char* bugcheck, const char* where) {
+void ReportHeld(ThreadRecord* self, const char* bugcheck, const char* where) {
+  ForgetLocksNoLongerHeld(self);
   for (PKSPIN_LOCK lock : self->heldSpinLocks) {
     ReportViolation(bugcheck, lock, "%s still holds spin lock %p %s", self->name.c_str(), static_cast<void*>(lock),
                     where);

@@ -10,9 +10,9 @@ namespace kernel {
 namespace spinlocks {
 
 // Lowering below DISPATCH_LEVEL while still holding a spin lock is reported.
-void CheckLowering(const ThreadRecord* self, KIRQL newIrql, const char* service);
+void CheckLowering(ThreadRecord* self, KIRQL newIrql, const char* service);
 // Spin locks a thread still holds where it must hold none (a DPC or work item returning).
-void ReportHeld(const ThreadRecord* self, const char* bugcheck, const char* where);
+void ReportHeld(ThreadRecord* self, const char* bugcheck, const char* where);
 // A new machine starts with the cancel spin lock free.
 void Reset();
 

@@ -221,19 +221,23 @@ void EndCurrentThread() {
                     self->name.c_str(), self->criticalRegions);
   }
   _KTHREAD* object = self->object;
-  std::vector<PRKMUTEX> abandoned;
+  std::vector<PRKMUTEX> owned;
   {
     sched::Guard guard = sched::Lock();
-    abandoned = self->ownedMutexes;
+    owned = self->ownedMutexes;
+  }
+  // Reported before the thread counts as ended, so that whoever waits for its end sees them.
+  for (PRKMUTEX mutex : owned) {
+    ReportViolation("THREAD_TERMINATE_HELD_MUTEX", mutex, "%s ended while owning mutex %p", self->name.c_str(),
+                    static_cast<void*>(mutex));
+  }
+  {
+    sched::Guard guard = sched::Lock();
     dispatcher::AbandonMutexes(guard, self);
     object->Record = nullptr;
     dispatcher::SetSignalState(&object->Header, 1);
     dispatcher::WaitTest(guard, object);
     sched::RemoveThread(guard, self);
-  }
-  for (PRKMUTEX mutex : abandoned) {
-    ReportViolation("THREAD_TERMINATE_HELD_MUTEX", mutex, "%s ended while owning mutex %p", self->name.c_str(),
-                    static_cast<void*>(mutex));
   }
   tCurrent = nullptr;
   tGeneration = 0;

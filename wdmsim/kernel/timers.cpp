@@ -158,7 +158,7 @@ extern "C" BOOLEAN KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Perio
   if (deadline <= clock::InterruptTime()) {
     timers::Expire(guard, Timer);  // a due time already past expires at once
   } else {
-    dpcs::TimerQueueChanged(guard);
+    dpcs::DeadlinesChanged(guard);
   }
   return wasArmed;
 }

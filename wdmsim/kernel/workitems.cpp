@@ -1,34 +1,26 @@
 #include "kernel/workitems.h"
 
+#include <algorithm>
 #include <deque>
 #include <string>
-#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <wdmsim/verifier.h>
 
+#include "kernel/dpcs.h"
 #include "kernel/irql.h"
 #include "kernel/objects.h"
 #include "kernel/spinlocks.h"
 
-// Work items come from the pool when the pool is linked in, so that its fault injection
-// reaches IoAllocateWorkItem as low memory reaches it on Windows.
-#pragma weak ExAllocatePoolWithTag
-#pragma weak ExFreePoolWithTag
-
-// Device object references belong to the I/O manager; it may not be linked in.
-namespace wdmsim {
-namespace io {
-bool ReferenceDeviceObject(const void* object) __attribute__((weak));
-bool DereferenceDeviceObject(const void* object) __attribute__((weak));
-}  // namespace io
-}  // namespace wdmsim
+#include "io/device_references.h"
 
 struct _IO_WORKITEM {
   PDEVICE_OBJECT DeviceObject;
   PIO_WORKITEM_ROUTINE Routine;
   PVOID Context;
   bool Queued;
+  int64_t QueuedAt;  // interrupt time
 };
 
 namespace wdmsim {
@@ -38,18 +30,20 @@ namespace {
 
 constexpr ULONG kPoolTag = 'k' << 24 | 'W' << 16 | 'o' << 8 | 'I';  // "IoWk" in memory order
 constexpr int kMaxExtraWorkers = 16;
+constexpr int64_t kStarvationDelay = 1000 * kUnitsPerMs;
 
 struct WorkQueue {
   const char* name;
   std::deque<PIO_WORKITEM> items;
   sched::WaitQueue idleWorkers;
-  int extraWorkers = 0;  // started because every worker was blocked
+  int extraWorkers = 0;  // started because items starved
+  int64_t lastExtraWorkerAt = 0;
 };
 
 struct State {
   WorkQueue critical{"critical"};
   WorkQueue delayed{"delayed"};
-  std::unordered_map<PIO_WORKITEM, bool> allocated;  // value: came from the pool
+  std::unordered_set<PIO_WORKITEM> allocated;
 };
 
 State& state() {
@@ -62,11 +56,16 @@ WorkQueue& QueueFor(WORK_QUEUE_TYPE type) {
 }
 
 void ReferenceDevice(PDEVICE_OBJECT device) {
-  if (device != nullptr && io::ReferenceDeviceObject) io::ReferenceDeviceObject(device);
+  if (device != nullptr) io::ReferenceDeviceObject(device);
 }
 
 void DereferenceDevice(PDEVICE_OBJECT device) {
-  if (device != nullptr && io::DereferenceDeviceObject) io::DereferenceDeviceObject(device);
+  if (device != nullptr) io::DereferenceDeviceObject(device);
+}
+
+int64_t StarvesAt(const WorkQueue& queue) {
+  if (queue.items.empty() || queue.extraWorkers >= kMaxExtraWorkers) return kNoDeadline;
+  return std::max(queue.items.front()->QueuedAt, queue.lastExtraWorkerAt) + kStarvationDelay;
 }
 
 // What a work item routine must not leave behind when it returns to the worker.
@@ -145,28 +144,32 @@ void Start(int criticalWorkers, int delayedWorkers) {
     sched::Guard guard = sched::Lock();
     s.critical.items.clear();
     s.delayed.items.clear();
-    s.critical.extraWorkers = 0;
-    s.delayed.extraWorkers = 0;
+    for (WorkQueue* queue : {&s.critical, &s.delayed}) {
+      queue->extraWorkers = 0;
+      queue->lastExtraWorkerAt = 0;
+    }
   }
   for (int i = 1; i <= criticalWorkers; ++i) StartWorker(nullptr, &s.critical, i);
   for (int i = 1; i <= delayedWorkers; ++i) StartWorker(nullptr, &s.delayed, i);
 }
 
-bool StartWorkerIfStarved(sched::Guard& guard) {
+int64_t StarvationDeadline(sched::Guard& guard) {
+  return std::min(StarvesAt(state().critical), StarvesAt(state().delayed));
+}
+
+void StartStarvedWorkers(sched::Guard& guard, int64_t now) {
   for (WorkQueue* queue : {&state().critical, &state().delayed}) {
-    if (queue->items.empty() || queue->extraWorkers >= kMaxExtraWorkers) continue;
-    // Nothing runs, so no worker of this queue is about to take the item.
+    if (StarvesAt(*queue) > now) continue;
     queue->extraWorkers++;
+    queue->lastExtraWorkerAt = now;
     StartWorker(&guard, queue, 100 + queue->extraWorkers);
-    return true;
   }
-  return false;
 }
 
 size_t AllocatedForDevice(const DEVICE_OBJECT* device) {
   sched::Guard guard = sched::Lock();
   size_t count = 0;
-  for (const auto& entry : state().allocated) count += entry.first->DeviceObject == device;
+  for (PIO_WORKITEM item : state().allocated) count += item->DeviceObject == device;
   return count;
 }
 
@@ -183,7 +186,7 @@ void ReportQueued(sched::Guard& guard) {
 
 void ReportLeakedAndReset() {
   State& s = state();
-  std::unordered_map<PIO_WORKITEM, bool> left;
+  std::unordered_set<PIO_WORKITEM> left;
   std::vector<PDEVICE_OBJECT> referencedDevices;
   {
     sched::Guard guard = sched::Lock();
@@ -194,15 +197,11 @@ void ReportLeakedAndReset() {
     left.swap(s.allocated);
   }
   for (PDEVICE_OBJECT device : referencedDevices) DereferenceDevice(device);
-  for (const auto& [item, fromPool] : left) {
+  for (PIO_WORKITEM item : left) {
     ReportViolation("DRIVER_VERIFIER_DETECTED_VIOLATION", item,
                     "work item %p (device %p) was allocated and never freed with IoFreeWorkItem",
                     static_cast<void*>(item), static_cast<void*>(item->DeviceObject));
-    if (fromPool) {
-      ExFreePoolWithTag(item, kPoolTag);
-    } else {
-      delete item;
-    }
+    ExFreePoolWithTag(item, kPoolTag);
   }
 }
 
@@ -216,13 +215,13 @@ using namespace wdmsim::kernel::workitems;
 extern "C" PIO_WORKITEM IoAllocateWorkItem(PDEVICE_OBJECT DeviceObject) {
   CurrentThread();
   RequireIrqlAtMost(DISPATCH_LEVEL, "IoAllocateWorkItem", DeviceObject);
-  bool fromPool = ExAllocatePoolWithTag != nullptr;
-  PIO_WORKITEM item = fromPool ? static_cast<PIO_WORKITEM>(ExAllocatePoolWithTag(NonPagedPool, sizeof(_IO_WORKITEM), kPoolTag))
-                               : new _IO_WORKITEM;
+  // From the pool, so that its fault injection reaches IoAllocateWorkItem as low memory
+  // reaches it on Windows.
+  auto* item = static_cast<PIO_WORKITEM>(ExAllocatePoolWithTag(NonPagedPool, sizeof(_IO_WORKITEM), kPoolTag));
   if (item == nullptr) return nullptr;
-  *item = _IO_WORKITEM{DeviceObject, nullptr, nullptr, false};
+  *item = _IO_WORKITEM{DeviceObject, nullptr, nullptr, false, 0};
   sched::Guard guard = sched::Lock();
-  state().allocated[item] = fromPool;
+  state().allocated.insert(item);
   return item;
 }
 
@@ -254,9 +253,11 @@ extern "C" void IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE Wo
   guard.unlock();
   ReferenceDevice(IoWorkItem->DeviceObject);
   guard.lock();
+  IoWorkItem->QueuedAt = clock::InterruptTime();
   WorkQueue& queue = QueueFor(QueueType);
   queue.items.push_back(IoWorkItem);
-  queue.idleWorkers.WakeOne(guard);
+  // With every worker busy the item may starve: the wall clock must know when.
+  if (!queue.idleWorkers.WakeOne(guard)) dpcs::DeadlinesChanged(guard);
 }
 
 extern "C" void IoFreeWorkItem(PIO_WORKITEM IoWorkItem) {
@@ -271,12 +272,7 @@ extern "C" void IoFreeWorkItem(PIO_WORKITEM IoWorkItem) {
                             queued ? "the work item is still queued" : "not an allocated work item (freed twice?)");
     return;
   }
-  bool fromPool = it->second;
   state().allocated.erase(it);
   guard.unlock();
-  if (fromPool) {
-    ExFreePoolWithTag(IoWorkItem, kPoolTag);
-  } else {
-    delete IoWorkItem;
-  }
+  ExFreePoolWithTag(IoWorkItem, kPoolTag);
 }

@@ -11,9 +11,11 @@ namespace kernel {
 namespace workitems {
 
 void Start(int criticalWorkers, int delayedWorkers);
-// Called by the scheduler when nothing can run: if items wait while every worker of their
-// queue is blocked, starts one more worker, as Windows' balance manager does. True if it did.
-bool StartWorkerIfStarved(sched::Guard& guard);
+// Items that wait a second while every worker of their queue is busy get one more worker,
+// as Windows' balance manager gives them: the time at which that happens next (interrupt
+// time, kNoDeadline if no item waits), and starting those workers once it has come.
+int64_t StarvationDeadline(sched::Guard& guard);
+void StartStarvedWorkers(sched::Guard& guard, int64_t now);
 // Work items allocated for a device object and not yet freed.
 size_t AllocatedForDevice(const DEVICE_OBJECT* device);
 
