@@ -128,6 +128,7 @@ Kernel* Kernel::Current() { return gCurrent; }
 
 void RunOnKernelThread(const std::function<void()>& fn) {
   kernel::ThreadRecord* self = kernel::CurrentThread();
+  if (self->role == kernel::ThreadRole::None) return;  // no machine: already reported
   _KTHREAD* thread = kernel::StartKernelThread("kernel thread (RunOnKernelThread)", kernel::ThreadRole::Helper, fn);
   PVOID objects[1] = {thread};
   // After a deadlock report this returns early; the thread is stopped with the machine.

@@ -211,11 +211,14 @@ ThreadRecord* RegisterCurrentThread(std::string name, ThreadRole role) {
 void EndCurrentThread() {
   ThreadRecord* self = CurrentThreadIfRegistered();
   if (self == nullptr) return;
-  if (self->irql != PASSIVE_LEVEL) {
+  // A thread the machine's shutdown ended was reported as left running; where it stopped
+  // says nothing more.
+  const bool checkWhatIsLeft = !self->terminateRequested;
+  if (checkWhatIsLeft && self->irql != PASSIVE_LEVEL) {
     ReportViolation(ExitBugcheckForIrql(self->role), self->object, "%s ended at IRQL %u", self->name.c_str(),
                     self->irql);
   }
-  if (self->criticalRegions != 0) {
+  if (checkWhatIsLeft && self->criticalRegions != 0) {
     ReportViolation("KERNEL_APC_PENDING_DURING_EXIT", self->object,
                     "%s ended inside %d critical region(s) (KeEnterCriticalRegion without KeLeaveCriticalRegion)",
                     self->name.c_str(), self->criticalRegions);
@@ -224,7 +227,7 @@ void EndCurrentThread() {
   std::vector<PRKMUTEX> owned;
   {
     sched::Guard guard = sched::Lock();
-    owned = self->ownedMutexes;
+    if (checkWhatIsLeft) owned = self->ownedMutexes;
   }
   // Reported before the thread counts as ended, so that whoever waits for its end sees them.
   for (PRKMUTEX mutex : owned) {

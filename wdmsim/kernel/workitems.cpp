@@ -97,6 +97,8 @@ void CheckReturn(ThreadRecord* self, PIO_WORKITEM_ROUTINE routine, PVOID context
 
 void RunWorker(WorkQueue* queue) {
   ThreadRecord* self = CurrentThread();
+  // The delayed queue's workers run one priority below the critical queue's.
+  if (queue == &state().delayed) __atomic_store_n(&self->object->Priority, 12, __ATOMIC_SEQ_CST);
   for (;;) {
     sched::Guard guard = sched::Lock();
     if (!queue->idleWorkers.Wait(guard, self, BlockKind::Idle, "work", [queue] { return !queue->items.empty(); })) {
@@ -123,7 +125,6 @@ void StartWorker(sched::Guard* heldLock, WorkQueue* queue, int number) {
   _KTHREAD* thread = heldLock != nullptr
                          ? StartKernelThreadLocked(*heldLock, name, ThreadRole::Worker, body)
                          : StartKernelThread(name, ThreadRole::Worker, body);
-  if (queue == &state().delayed) thread->Priority = 12;  // the delayed queue runs one below the critical
   objects::Dereference(thread);
 }
 
