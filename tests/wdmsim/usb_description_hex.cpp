@@ -178,6 +178,16 @@ TEST(UsbDescriptionHex, WriterOutputReadsBackIdentically) {
   auto rawBack = wdmsim::ParseHexDescription(rawText, "raw.hex");
   ASSERT_TRUE(rawBack) << rawBack.error.Message() << "\n" << rawText;
   EXPECT_EQ(*rawBack.description, raw);
+
+  // A configuration descriptor inside a set must not start a set of its own on reading.
+  auto stray = wdmsim::DemoCompositeDevice();
+  auto& set = stray.configurations[1];
+  const std::vector<uint8_t> header(set.begin(), set.begin() + 9);
+  set.insert(set.begin() + 9, header.begin(), header.end());
+  set[2] = static_cast<uint8_t>(set.size());
+  auto strayBack = wdmsim::ParseHexDescription(stray.ToHexText(), "stray.hex");
+  ASSERT_TRUE(strayBack) << strayBack.error.Message();
+  EXPECT_EQ(*strayBack.description, stray);
 }
 
 }  // namespace

@@ -511,15 +511,28 @@ UsbDescriptionResult ParseHexDescription(const std::string& text, const std::str
 
 std::string UsbDeviceDescription::ToHexText() const {
   std::string body = HexBytes(device.data(), device.size());
+  // Only a set's own header may begin a line with type 0x02, since the reader starts a
+  // new set there. A stray configuration descriptor inside a set, and the bytes that do
+  // not frame, continue the previous line: under !raw the bytes stay the same. (A set
+  // that does not even begin with a configuration header cannot be written faithfully.)
+  auto continueLine = [&](const uint8_t* bytes, size_t count) {
+    body.back() = ' ';
+    body += HexBytes(bytes, count);
+  };
   for (const auto& set : configurations) {
     size_t end = 0;
-    auto fault = usb::WalkConfigurationSet(set.data(), set.size(), [&](const usb::DescriptorView& d) {
-      body += HexBytes(d.bytes, d.length());
+    usb::WalkConfigurationSet(set.data(), set.size(), [&](const usb::DescriptorView& d) {
+      if (d.offset > 0 && d.type() == USB_CONFIGURATION_DESCRIPTOR_TYPE) {
+        continueLine(d.bytes, d.length());
+      } else {
+        body += HexBytes(d.bytes, d.length());
+      }
       end = d.offset + d.length();
     });
-    if (fault && end < set.size()) {
-      // What does not frame goes on one line, kept as written under !raw.
-      body += HexBytes(set.data() + end, set.size() - end);
+    if (end == 0) {
+      body += HexBytes(set.data(), set.size());
+    } else if (end < set.size()) {
+      continueLine(set.data() + end, set.size() - end);
     }
   }
   if (!languages.empty()) {
