@@ -26,8 +26,6 @@ class RemoveLock : public ::testing::Test {
   IO_REMOVE_LOCK lock;
 };
 
-TEST_F(RemoveLock, DebugLayoutIsTheSizeEveryCallPasses) { EXPECT_EQ(sizeof(IO_REMOVE_LOCK), 120u); }
-
 TEST_F(RemoveLock, CountsEveryHolderOnTopOfItsOwnReference) {
   EXPECT_EQ(lock.Common.IoCount, 1);
   EXPECT_FALSE(lock.Common.Removed);
