@@ -204,6 +204,7 @@ TEST_F(WorkItemTest, TimedWaitForAllEndsAtItsTimeout) {
   EXPECT_EQ(STATUS_TIMEOUT, mWorkItems.WaitForAllWorkItems(40));
   EXPECT_EQ(start + 40 * 10000, mKernel.SystemTime());
   blocker.release.Set();
+  EXPECT_EQ(STATUS_SUCCESS, mWorkItems.WaitForAllWorkItems(kInfinite));  // before blocker goes away
 }
 
 TEST_F(WorkItemTest, DestructionWaitsForTheItemsStillRunning) {
