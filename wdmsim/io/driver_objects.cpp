@@ -10,9 +10,6 @@
 #include "io/irql_rules.h"
 #include "io/object_table.h"
 
-// The power manager is a separate part of wdmsim that a program may leave out.
-extern "C" void PoStartNextPowerIrp(PIRP Irp) __attribute__((weak));
-
 namespace wdmsim {
 namespace io {
 namespace {
@@ -24,7 +21,7 @@ UNICODE_STRING kHardwareDatabase = {sizeof(kHardwareDatabaseText) - sizeof(WCHAR
 
 // What every major function does until the driver sets its own routine.
 NTSTATUS NTAPI InvalidDeviceRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-  if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_POWER && PoStartNextPowerIrp) {
+  if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_POWER) {
     PoStartNextPowerIrp(Irp);
   }
   Irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;

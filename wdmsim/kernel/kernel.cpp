@@ -82,6 +82,8 @@ Kernel::~Kernel() {
   kernel::workitems::ReportLeakedAndReset();
   kernel::ReportLeakedThreadObjects();
 
+  pnp::EndOfRun();
+  power::EndOfRun();
   io::EndOfRun();
   pool::EndOfRun();
   registry::EndOfRun();

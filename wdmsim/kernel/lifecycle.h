@@ -4,6 +4,8 @@
 #pragma once
 
 namespace wdmsim {
+namespace pnp { void EndOfRun(); }       // device nodes and recorded invalidations
+namespace power { void EndOfRun(); }     // recorded power services calls
 namespace io { void EndOfRun(); }        // IRPs, device and driver objects, work items, error log
 namespace pool { void EndOfRun(); }      // pool and contiguous blocks still allocated (by tag)
 namespace registry { void EndOfRun(); }  // open key handles; the tree is cleared
