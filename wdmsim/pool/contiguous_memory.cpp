@@ -104,8 +104,8 @@ extern "C" PVOID MmAllocateContiguousMemory(SIZE_T NumberOfBytes, PHYSICAL_ADDRE
     std::lock_guard<std::mutex> guard(s.lock);
     physical = s.nextPhysical;
     // No memory at or below the caller's limit is left: the request cannot be met.
-    if (HighestAcceptableAddress.QuadPart < 0 ||
-        physical + span - 1 > static_cast<uint64_t>(HighestAcceptableAddress.QuadPart)) {
+    // The limit is an unsigned physical address: all 64 bits set means "anywhere".
+    if (physical + span - 1 > static_cast<uint64_t>(HighestAcceptableAddress.QuadPart)) {
       return nullptr;
     }
     s.nextPhysical += span;
