@@ -2,7 +2,7 @@
 #ifndef WDMSIM_USB_H
 #define WDMSIM_USB_H
 #include <wdm.h>
-#include <usbspec.h>
+#include <usb200.h>
 
 #define USBDI_VERSION 0x00000600
 #define URB_FROM_IRP(Irp) ((IoGetCurrentIrpStackLocation(Irp))->Parameters.Others.Argument1)

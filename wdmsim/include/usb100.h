@@ -1,2 +1,2 @@
 /* usb100.h - wdmsim host edition. */
-#include <usbspec.h>
+#include <usb200.h>

@@ -98,7 +98,7 @@ size_t NarrowLength(const char* text, int precision) {
   return n;
 }
 
-struct Spec {
+struct Conversion {
   std::string flags;
   int width = -1;
   int precision = -1;
@@ -106,19 +106,19 @@ struct Spec {
   char conversion = 0;
 };
 
-void Pad(std::string& out, const std::string& text, const Spec& spec) {
-  bool left = spec.flags.find('-') != std::string::npos;
-  size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+void Pad(std::string& out, const std::string& text, const Conversion& conv) {
+  bool left = conv.flags.find('-') != std::string::npos;
+  size_t width = conv.width > 0 ? static_cast<size_t>(conv.width) : 0;
   if (!left && text.size() < width) out.append(width - text.size(), ' ');
   out += text;
   if (left && text.size() < width) out.append(width - text.size(), ' ');
 }
 
 // The host's printf formats numbers once the Windows sizes are read from the arguments.
-std::string FormatNumber(const Spec& spec, char conversion, const char* length, ...) {
-  std::string format = "%" + spec.flags;
-  if (spec.width >= 0) format += std::to_string(spec.width);
-  if (spec.precision >= 0) format += "." + std::to_string(spec.precision);
+std::string FormatNumber(const Conversion& conv, char conversion, const char* length, ...) {
+  std::string format = "%" + conv.flags;
+  if (conv.width >= 0) format += std::to_string(conv.width);
+  if (conv.precision >= 0) format += "." + std::to_string(conv.precision);
   format += length;
   format += conversion;
   char buffer[128];
@@ -132,87 +132,87 @@ std::string FormatNumber(const Spec& spec, char conversion, const char* length, 
 // Reads an integer argument as Windows sizes it: "l" is 32 bits, "ll"/"I64"/"I" 64.
 bool IsSigned(char conversion) { return conversion == 'd' || conversion == 'i'; }
 
-std::string FormatInteger(const Spec& spec, va_list* args) {
-  char conversion = spec.conversion == 'i' ? 'd' : spec.conversion;
-  if (spec.size == Spec::Size::Long64) {
-    if (IsSigned(spec.conversion)) return FormatNumber(spec, conversion, "ll", va_arg(*args, long long));
-    return FormatNumber(spec, conversion, "ll", va_arg(*args, unsigned long long));
+std::string FormatInteger(const Conversion& conv, va_list* args) {
+  char conversion = conv.conversion == 'i' ? 'd' : conv.conversion;
+  if (conv.size == Conversion::Size::Long64) {
+    if (IsSigned(conv.conversion)) return FormatNumber(conv, conversion, "ll", va_arg(*args, long long));
+    return FormatNumber(conv, conversion, "ll", va_arg(*args, unsigned long long));
   }
   unsigned int value = va_arg(*args, unsigned int);
-  if (spec.size == Spec::Size::Short) value &= 0xFFFF;
-  if (spec.size == Spec::Size::Char) value &= 0xFF;
-  if (IsSigned(spec.conversion)) {
-    long long signedValue = spec.size == Spec::Size::Short  ? static_cast<short>(value)
-                            : spec.size == Spec::Size::Char ? static_cast<signed char>(value)
+  if (conv.size == Conversion::Size::Short) value &= 0xFFFF;
+  if (conv.size == Conversion::Size::Char) value &= 0xFF;
+  if (IsSigned(conv.conversion)) {
+    long long signedValue = conv.size == Conversion::Size::Short  ? static_cast<short>(value)
+                            : conv.size == Conversion::Size::Char ? static_cast<signed char>(value)
                                                             : static_cast<int>(value);
-    return FormatNumber(spec, conversion, "ll", signedValue);
+    return FormatNumber(conv, conversion, "ll", signedValue);
   }
-  return FormatNumber(spec, conversion, "ll", static_cast<unsigned long long>(value));
+  return FormatNumber(conv, conversion, "ll", static_cast<unsigned long long>(value));
 }
 
-const char* ParseSpec(const char* p, Spec* spec, va_list* args) {
-  while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '0') spec->flags += *p++;
+const char* ParseSpec(const char* p, Conversion* conv, va_list* args) {
+  while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '0') conv->flags += *p++;
   if (*p == '*') {
-    spec->width = va_arg(*args, int);
-    if (spec->width < 0) {
-      spec->flags += '-';
-      spec->width = -spec->width;
+    conv->width = va_arg(*args, int);
+    if (conv->width < 0) {
+      conv->flags += '-';
+      conv->width = -conv->width;
     }
     ++p;
   } else {
-    for (spec->width = -1; *p >= '0' && *p <= '9'; ++p) spec->width = (spec->width < 0 ? 0 : spec->width * 10) + (*p - '0');
+    for (conv->width = -1; *p >= '0' && *p <= '9'; ++p) conv->width = (conv->width < 0 ? 0 : conv->width * 10) + (*p - '0');
   }
   if (*p == '.') {
     ++p;
-    spec->precision = 0;
+    conv->precision = 0;
     if (*p == '*') {
-      spec->precision = va_arg(*args, int);
+      conv->precision = va_arg(*args, int);
       ++p;
     } else {
-      for (; *p >= '0' && *p <= '9'; ++p) spec->precision = spec->precision * 10 + (*p - '0');
+      for (; *p >= '0' && *p <= '9'; ++p) conv->precision = conv->precision * 10 + (*p - '0');
     }
   }
   if (p[0] == 'I' && p[1] == '6' && p[2] == '4') {
-    spec->size = Spec::Size::Long64;
+    conv->size = Conversion::Size::Long64;
     p += 3;
   } else if (p[0] == 'I' && p[1] == '3' && p[2] == '2') {
-    spec->size = Spec::Size::Long32;
+    conv->size = Conversion::Size::Long32;
     p += 3;
   } else if (p[0] == 'l' && p[1] == 'l') {
-    spec->size = Spec::Size::Long64;
+    conv->size = Conversion::Size::Long64;
     p += 2;
   } else if (p[0] == 'h' && p[1] == 'h') {
-    spec->size = Spec::Size::Char;
+    conv->size = Conversion::Size::Char;
     p += 2;
   } else if (*p == 'I' || *p == 'z' || *p == 'j' || *p == 't') {
-    spec->size = Spec::Size::Long64;  // pointer-sized on x64
+    conv->size = Conversion::Size::Long64;  // pointer-sized on x64
     ++p;
   } else if (*p == 'l' || *p == 'w') {
-    spec->size = Spec::Size::Wide;  // 32-bit for integers, wide for characters and strings
+    conv->size = Conversion::Size::Wide;  // 32-bit for integers, wide for characters and strings
     ++p;
   } else if (*p == 'h') {
-    spec->size = Spec::Size::Short;
+    conv->size = Conversion::Size::Short;
     ++p;
   } else if (*p == 'L') {
     ++p;
   }
-  spec->conversion = *p;
+  conv->conversion = *p;
   return *p ? p + 1 : p;
 }
 
-std::string StringArgument(const Spec& spec, bool wide, va_list* args) {
+std::string StringArgument(const Conversion& conv, bool wide, va_list* args) {
   if (wide) {
     const WCHAR* text = va_arg(*args, const WCHAR*);
     if (text == nullptr) return "(null)";
-    return WideToUtf8(text, WideLength(text, spec.precision));
+    return WideToUtf8(text, WideLength(text, conv.precision));
   }
   const char* text = va_arg(*args, const char*);
   if (text == nullptr) return "(null)";
-  return std::string(text, NarrowLength(text, spec.precision));
+  return std::string(text, NarrowLength(text, conv.precision));
 }
 
-std::string CountedStringArgument(const Spec& spec, bool wide, va_list* args) {
-  size_t limit = spec.precision < 0 ? SIZE_MAX : static_cast<size_t>(spec.precision);
+std::string CountedStringArgument(const Conversion& conv, bool wide, va_list* args) {
+  size_t limit = conv.precision < 0 ? SIZE_MAX : static_cast<size_t>(conv.precision);
   if (wide) {
     const UNICODE_STRING* string = va_arg(*args, const UNICODE_STRING*);
     if (string == nullptr || string->Buffer == nullptr) return "(null)";
@@ -241,21 +241,21 @@ std::string FormatKernelString(const char* format, va_list args) {
       p += 2;
       continue;
     }
-    Spec spec;
-    p = ParseSpec(p + 1, &spec, &ap);
-    bool wideSize = spec.size == Spec::Size::Wide;
-    switch (spec.conversion) {
+    Conversion conv;
+    p = ParseSpec(p + 1, &conv, &ap);
+    bool wideSize = conv.size == Conversion::Size::Wide;
+    switch (conv.conversion) {
       case 'd':
       case 'i':
       case 'u':
       case 'x':
       case 'X':
       case 'o':
-        out += FormatInteger(spec, &ap);
+        out += FormatInteger(conv, &ap);
         break;
       case 'c':
       case 'C': {
-        bool wide = spec.conversion == 'C' ? spec.size != Spec::Size::Short : wideSize;
+        bool wide = conv.conversion == 'C' ? conv.size != Conversion::Size::Short : wideSize;
         int value = va_arg(ap, int);
         std::string text;
         if (wide) {
@@ -264,22 +264,22 @@ std::string FormatKernelString(const char* format, va_list args) {
         } else {
           text = std::string(1, static_cast<char>(value));
         }
-        Pad(out, text, spec);
+        Pad(out, text, conv);
         break;
       }
       case 's':
       case 'S': {
-        bool wide = spec.conversion == 'S' ? spec.size != Spec::Size::Short : wideSize;
-        Pad(out, StringArgument(spec, wide, &ap), spec);
+        bool wide = conv.conversion == 'S' ? conv.size != Conversion::Size::Short : wideSize;
+        Pad(out, StringArgument(conv, wide, &ap), conv);
         break;
       }
       case 'Z':
-        Pad(out, CountedStringArgument(spec, wideSize, &ap), spec);
+        Pad(out, CountedStringArgument(conv, wideSize, &ap), conv);
         break;
       case 'p': {
         char text[32];
         snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(va_arg(ap, void*))));
-        Pad(out, text, spec);
+        Pad(out, text, conv);
         break;
       }
       case 'e':
@@ -289,7 +289,7 @@ std::string FormatKernelString(const char* format, va_list args) {
       case 'G':
       case 'a':
       case 'A':
-        out += FormatNumber(spec, spec.conversion, "", va_arg(ap, double));
+        out += FormatNumber(conv, conv.conversion, "", va_arg(ap, double));
         break;
       case 'n':
         va_arg(ap, void*);  // the kernel writes nothing through %n
@@ -298,7 +298,7 @@ std::string FormatKernelString(const char* format, va_list args) {
         break;
       default:
         out += '%';
-        out += spec.conversion;
+        out += conv.conversion;
         break;
     }
   }

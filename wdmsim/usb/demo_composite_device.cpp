@@ -3,7 +3,7 @@
 // high-power and a low-power configuration so that the choice by hub power shows.
 #include <wdmsim/usbdevice.h>
 
-#include <usbspec.h>
+#include <usb200.h>
 
 namespace wdmsim {
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include <usbspec.h>
+#include <usb200.h>
 
 namespace wdmsim {
 namespace usb {

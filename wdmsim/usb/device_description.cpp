@@ -4,7 +4,7 @@
 
 #include "usb/descriptor_walk.h"
 
-#include <usbspec.h>
+#include <usb200.h>
 
 namespace wdmsim {
 

@@ -11,7 +11,7 @@
 
 #include "usb/descriptor_walk.h"
 
-#include <usbspec.h>
+#include <usb200.h>
 
 namespace wdmsim {
 
