@@ -2,9 +2,14 @@
 
 #include "kntrace.h"
 
-Device::Device() {}
+Device::Device() {
+  InitializeListHead(&mIadList);
+  InitializeListHead(&mInterfaceList);
+}
 
-Device::~Device() {}
+Device::~Device() {
+  FreeLists();
+}
 
 void Device::Lock() {
   mDeviceMutex.Lock();

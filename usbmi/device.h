@@ -6,8 +6,14 @@
 
 #include <ntddk.h>
 
+#include <usb.h>
+
 #include "knfdo.h"
 #include "knmutex.h"
+#include "knusbconfigurationdesc.h"
+
+struct IadEntry;
+struct InterfaceEntry;
 
 class Device : public KnFdo {
  public:
@@ -20,6 +26,35 @@ class Device : public KnFdo {
 
   // Creates the device object and attaches it on top of the PDO's stack.
   virtual NTSTATUS OnAddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDeviceObject);  // 30
+
+  // --- Interface enumeration: the division of the parent's set into functions ---
+  // Empties both lists, then fills them from mConfigDesc, which must stay held while they exist.
+  void CreateLists();
+  // Deletes every entry of both lists.
+  void FreeLists();
+  // The first interface entry with that number, taken off the list (the caller deletes it), or NULL.
+  InterfaceEntry* TakeInterface(UCHAR InterfaceNumber);
+  // Takes the next function off the lists: its first interface (NULL when there is none),
+  // its interface count and the bytes of descriptors from that interface on.
+  PUSB_INTERFACE_DESCRIPTOR GetInterfaces(ULONG* InterfaceCount, ULONG* Size);
+  // Takes the notification interface (FF/01/00) out, so that no child is made for it.
+  void SSGetSelSuspendInterface();
+  // A function's own configuration descriptor set: the parent's header with wTotalLength and
+  // bNumInterfaces replaced, then Size bytes from FirstInterface on (never read past the
+  // parent's ParentLength bytes). Pool tag "USBM"; NULL when no memory.
+  static PUSB_CONFIGURATION_DESCRIPTOR BuildChildConfigurationDescriptor(const USB_CONFIGURATION_DESCRIPTOR* Parent,
+                                                                         ULONG ParentLength,
+                                                                         const USB_INTERFACE_DESCRIPTOR* FirstInterface,
+                                                                         ULONG InterfaceCount, ULONG Size);
+
+ protected:
+  // The next interface association descriptor after Start in mConfigDesc, or NULL.
+  PUCHAR NextIad(PVOID Start) const;
+
+  KnUsbConfigurationDesc mConfigDesc;  // the selected configuration's descriptor set
+  LIST_ENTRY mIadList;                 // IadEntry, in descriptor order
+  LIST_ENTRY mInterfaceList;           // InterfaceEntry, in descriptor order
+  // --- end of interface enumeration ---
 
  private:
   KnMutex mDeviceMutex;
