@@ -6,9 +6,11 @@ BUILD       ?= build
 BUILD_WIN   ?= build-win
 BUILD_TSAN  ?= build-tsan
 BUILD_BENCH ?= build-bench
+BUILD_FUZZ  ?= build-fuzz
+FUZZ_RUNS   ?= 20000
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Debug
 
-.PHONY: all deps build win run test test-host test-win test-tsan bench clean
+.PHONY: all deps build win run test test-host test-win test-tsan test-fuzz bench clean
 
 all: build
 
@@ -41,7 +43,14 @@ test-tsan: deps
 	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(BUILD_TSAN)/tests/wdmsim_tests --gtest_brief=1 --gtest_filter='*Race*:*Threads*'
 	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" $(BUILD_TSAN)/tests/libkn_tests --gtest_brief=1 --gtest_filter='*Race*:*Threads*'
 
-test: test-host test-win test-tsan
+# A bounded libFuzzer run (clang, ASan+UBSan) seeded with the configuration sets of the device files.
+test-fuzz: deps
+	cmake -S fuzz -B $(BUILD_FUZZ) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang >/dev/null
+	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target interface_enumeration_fuzz
+	rm -rf $(BUILD_FUZZ)/corpus && fuzz/seed_corpus.py $(BUILD_FUZZ)/corpus tests/devices/*.bin
+	$(BUILD_FUZZ)/interface_enumeration_fuzz -runs=$(FUZZ_RUNS) -max_len=4096 -artifact_prefix=$(BUILD_FUZZ)/ $(BUILD_FUZZ)/corpus
+
+test: test-host test-win test-tsan test-fuzz
 
 # Benchmarks are measured on an optimised build of their own.
 bench: deps
@@ -50,4 +59,4 @@ bench: deps
 	@for b in $(BUILD_BENCH)/bench/*_bench; do echo "== $$b"; $$b; done
 
 clean:
-	rm -rf $(BUILD) $(BUILD_WIN) $(BUILD_TSAN) $(BUILD_BENCH)
+	rm -rf $(BUILD) $(BUILD_WIN) $(BUILD_TSAN) $(BUILD_BENCH) $(BUILD_FUZZ)
