@@ -18,6 +18,8 @@ have_pkg libgmock-dev || need+=(libgmock-dev)
 have_pkg libbenchmark-dev || need+=(libbenchmark-dev)
 have_cmd objdump || need+=(binutils)
 have_cmd clang++ || need+=(clang)
+# libFuzzer and the sanitizer runtimes for clang
+have_pkg libclang-rt-14-dev || need+=(libclang-rt-14-dev)
 
 if [ ${#need[@]} -eq 0 ]; then
   exit 0
