@@ -37,7 +37,7 @@ class Output {
 
 enum class Size { Default, Char, Short, Long, LongLong, Pointer, LongDouble, Wide };
 
-struct Spec {
+struct Conversion {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -57,13 +57,13 @@ struct Text {
   wchar_t At(size_t i) const { return wide ? wide[i] : static_cast<wchar_t>(static_cast<unsigned char>(narrow[i])); }
 };
 
-void PutPadded(Output& out, const Spec& spec, const Text& text) {
+void PutPadded(Output& out, const Conversion& conv, const Text& text) {
   size_t count = text.count;
-  if (spec.precision >= 0 && static_cast<size_t>(spec.precision) < count) count = spec.precision;
-  int pad = spec.width > static_cast<int>(count) ? spec.width - static_cast<int>(count) : 0;
-  if (!spec.left) out.Repeat(spec.zero ? L'0' : L' ', pad);
+  if (conv.precision >= 0 && static_cast<size_t>(conv.precision) < count) count = conv.precision;
+  int pad = conv.width > static_cast<int>(count) ? conv.width - static_cast<int>(count) : 0;
+  if (!conv.left) out.Repeat(conv.zero ? L'0' : L' ', pad);
   for (size_t i = 0; i < count; ++i) out.Put(text.At(i));
-  if (spec.left) out.Repeat(L' ', pad);
+  if (conv.left) out.Repeat(L' ', pad);
 }
 
 Text WideText(const wchar_t* s, int precision) {
@@ -82,59 +82,59 @@ Text NarrowText(const char* s, int precision) {
 
 const char kNull[] = "(null)";
 
-void PutString(Output& out, const Spec& spec, bool wide, const void* s) {
+void PutString(Output& out, const Conversion& conv, bool wide, const void* s) {
   if (s == nullptr) {
-    PutPadded(out, spec, NarrowText(kNull, spec.precision));
+    PutPadded(out, conv, NarrowText(kNull, conv.precision));
   } else if (wide) {
-    PutPadded(out, spec, WideText(static_cast<const wchar_t*>(s), spec.precision));
+    PutPadded(out, conv, WideText(static_cast<const wchar_t*>(s), conv.precision));
   } else {
-    PutPadded(out, spec, NarrowText(static_cast<const char*>(s), spec.precision));
+    PutPadded(out, conv, NarrowText(static_cast<const char*>(s), conv.precision));
   }
 }
 
-void PutCountedString(Output& out, const Spec& spec, bool wide, const void* counted) {
+void PutCountedString(Output& out, const Conversion& conv, bool wide, const void* counted) {
   Text t;
   if (wide) {
     const UNICODE_STRING* u = static_cast<const UNICODE_STRING*>(counted);
-    if (u == nullptr || u->Buffer == nullptr) return PutString(out, spec, false, nullptr);
+    if (u == nullptr || u->Buffer == nullptr) return PutString(out, conv, false, nullptr);
     t.wide = u->Buffer;
     t.count = u->Length / sizeof(WCHAR);
   } else {
     const ANSI_STRING* a = static_cast<const ANSI_STRING*>(counted);
-    if (a == nullptr || a->Buffer == nullptr) return PutString(out, spec, false, nullptr);
+    if (a == nullptr || a->Buffer == nullptr) return PutString(out, conv, false, nullptr);
     t.narrow = a->Buffer;
     t.count = a->Length;
   }
-  PutPadded(out, spec, t);
+  PutPadded(out, conv, t);
 }
 
-void PutInteger(Output& out, Spec spec, uint64_t magnitude, bool negative, unsigned base, bool upper,
+void PutInteger(Output& out, Conversion conv, uint64_t magnitude, bool negative, unsigned base, bool upper,
                 const char* prefix) {
   char digits[72];
   int count = 0;
   const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-  if (!(magnitude == 0 && spec.precision == 0)) {
+  if (!(magnitude == 0 && conv.precision == 0)) {
     do {
       digits[count++] = set[magnitude % base];
       magnitude /= base;
     } while (magnitude != 0);
   }
-  int leadingZeros = spec.precision > count ? spec.precision - count : 0;
-  if (base == 8 && spec.alternate && leadingZeros == 0 && (count == 0 || digits[count - 1] != '0')) leadingZeros = 1;
+  int leadingZeros = conv.precision > count ? conv.precision - count : 0;
+  if (base == 8 && conv.alternate && leadingZeros == 0 && (count == 0 || digits[count - 1] != '0')) leadingZeros = 1;
 
-  char sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : 0;
+  char sign = negative ? '-' : conv.plus ? '+' : conv.space ? ' ' : 0;
   int prefixLength = static_cast<int>(strlen(prefix)) + (sign ? 1 : 0);
   int length = prefixLength + leadingZeros + count;
-  int pad = spec.width > length ? spec.width - length : 0;
-  bool zeroPad = spec.zero && !spec.left && spec.precision < 0;
+  int pad = conv.width > length ? conv.width - length : 0;
+  bool zeroPad = conv.zero && !conv.left && conv.precision < 0;
 
-  if (!spec.left && !zeroPad) out.Repeat(L' ', pad);
+  if (!conv.left && !zeroPad) out.Repeat(L' ', pad);
   if (sign) out.Put(static_cast<wchar_t>(sign));
   for (const char* p = prefix; *p; ++p) out.Put(static_cast<wchar_t>(*p));
   if (zeroPad) out.Repeat(L'0', pad);
   out.Repeat(L'0', leadingZeros);
   while (count > 0) out.Put(static_cast<wchar_t>(digits[--count]));
-  if (spec.left) out.Repeat(L' ', pad);
+  if (conv.left) out.Repeat(L' ', pad);
 }
 
 int64_t SignedArgument(Size size, va_list& args) {
@@ -158,27 +158,27 @@ uint64_t UnsignedArgument(Size size, va_list& args) {
 }
 
 // Floating point is rare in a kernel; the host's formatter does the digits.
-void PutFloat(Output& out, const Spec& spec, wchar_t conversion, va_list& args) {
+void PutFloat(Output& out, const Conversion& conv, wchar_t conversion, va_list& args) {
   char format[32];
   int n = 0;
   format[n++] = '%';
-  if (spec.left) format[n++] = '-';
-  if (spec.plus) format[n++] = '+';
-  if (spec.space) format[n++] = ' ';
-  if (spec.alternate) format[n++] = '#';
-  if (spec.zero) format[n++] = '0';
+  if (conv.left) format[n++] = '-';
+  if (conv.plus) format[n++] = '+';
+  if (conv.space) format[n++] = ' ';
+  if (conv.alternate) format[n++] = '#';
+  if (conv.zero) format[n++] = '0';
   format[n++] = '*';
   format[n++] = '.';
   format[n++] = '*';
-  if (spec.size == Size::LongDouble) format[n++] = 'L';
+  if (conv.size == Size::LongDouble) format[n++] = 'L';
   format[n++] = static_cast<char>(conversion);
   format[n] = 0;
   char text[512];
-  int precision = spec.precision;
-  if (spec.size == Size::LongDouble) {
-    snprintf(text, sizeof text, format, spec.width, precision, va_arg(args, long double));
+  int precision = conv.precision;
+  if (conv.size == Size::LongDouble) {
+    snprintf(text, sizeof text, format, conv.width, precision, va_arg(args, long double));
   } else {
-    snprintf(text, sizeof text, format, spec.width, precision, va_arg(args, double));
+    snprintf(text, sizeof text, format, conv.width, precision, va_arg(args, double));
   }
   for (const char* p = text; *p; ++p) out.Put(static_cast<wchar_t>(*p));
 }
@@ -236,43 +236,43 @@ void FormatInto(Output& out, const wchar_t* f, va_list& args) {
       continue;
     }
     ++f;
-    Spec spec;
+    Conversion conv;
     for (;; ++f) {
-      if (*f == L'-') spec.left = true;
-      else if (*f == L'+') spec.plus = true;
-      else if (*f == L' ') spec.space = true;
-      else if (*f == L'#') spec.alternate = true;
-      else if (*f == L'0') spec.zero = true;
+      if (*f == L'-') conv.left = true;
+      else if (*f == L'+') conv.plus = true;
+      else if (*f == L' ') conv.space = true;
+      else if (*f == L'#') conv.alternate = true;
+      else if (*f == L'0') conv.zero = true;
       else break;
     }
     if (*f == L'*') {
       ++f;
-      spec.width = va_arg(args, int);
-      if (spec.width < 0) {
-        spec.left = true;
-        spec.width = spec.width == INT_MIN ? INT_MAX : -spec.width;
+      conv.width = va_arg(args, int);
+      if (conv.width < 0) {
+        conv.left = true;
+        conv.width = conv.width == INT_MIN ? INT_MAX : -conv.width;
       }
     } else {
-      spec.width = ReadNumber(f);
+      conv.width = ReadNumber(f);
     }
     if (*f == L'.') {
       ++f;
       if (*f == L'*') {
         ++f;
-        spec.precision = va_arg(args, int);
-        if (spec.precision < 0) spec.precision = -1;
+        conv.precision = va_arg(args, int);
+        if (conv.precision < 0) conv.precision = -1;
       } else {
-        spec.precision = ReadNumber(f);
+        conv.precision = ReadNumber(f);
       }
     }
-    spec.size = ReadSize(f);
+    conv.size = ReadSize(f);
     wchar_t conversion = *f;
     if (conversion == 0) break;
     ++f;
 
     bool wideByDefault = conversion == L's' || conversion == L'c';
-    bool wide = spec.size == Size::Short ? false
-                : (spec.size == Size::Long || spec.size == Size::Wide) ? true
+    bool wide = conv.size == Size::Short ? false
+                : (conv.size == Size::Long || conv.size == Size::Wide) ? true
                                                                       : wideByDefault;
     switch (conversion) {
       case L'%': out.Put(L'%'); break;
@@ -283,32 +283,32 @@ void FormatInto(Output& out, const wchar_t* f, va_list& args) {
         Text t;
         t.wide = &c;
         t.count = 1;
-        Spec charSpec = spec;
+        Conversion charSpec = conv;
         charSpec.precision = -1;
         PutPadded(out, charSpec, t);
         break;
       }
       case L's':
-      case L'S': PutString(out, spec, wide, va_arg(args, const void*)); break;
-      case L'Z': PutCountedString(out, spec, spec.size == Size::Long || spec.size == Size::Wide, va_arg(args, const void*)); break;
+      case L'S': PutString(out, conv, wide, va_arg(args, const void*)); break;
+      case L'Z': PutCountedString(out, conv, conv.size == Size::Long || conv.size == Size::Wide, va_arg(args, const void*)); break;
       case L'd':
       case L'i': {
-        int64_t value = SignedArgument(spec.size, args);
+        int64_t value = SignedArgument(conv.size, args);
         uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-        PutInteger(out, spec, magnitude, value < 0, 10, false, "");
+        PutInteger(out, conv, magnitude, value < 0, 10, false, "");
         break;
       }
-      case L'u': PutInteger(out, spec, UnsignedArgument(spec.size, args), false, 10, false, ""); break;
-      case L'o': PutInteger(out, spec, UnsignedArgument(spec.size, args), false, 8, false, ""); break;
+      case L'u': PutInteger(out, conv, UnsignedArgument(conv.size, args), false, 10, false, ""); break;
+      case L'o': PutInteger(out, conv, UnsignedArgument(conv.size, args), false, 8, false, ""); break;
       case L'x':
       case L'X': {
-        uint64_t value = UnsignedArgument(spec.size, args);
-        const char* prefix = (spec.alternate && value != 0) ? (conversion == L'x' ? "0x" : "0X") : "";
-        PutInteger(out, spec, value, false, 16, conversion == L'X', prefix);
+        uint64_t value = UnsignedArgument(conv.size, args);
+        const char* prefix = (conv.alternate && value != 0) ? (conversion == L'x' ? "0x" : "0X") : "";
+        PutInteger(out, conv, value, false, 16, conversion == L'X', prefix);
         break;
       }
       case L'p': {
-        Spec pointerSpec = spec;
+        Conversion pointerSpec = conv;
         pointerSpec.precision = 16;
         pointerSpec.plus = pointerSpec.space = false;
         PutInteger(out, pointerSpec, reinterpret_cast<uintptr_t>(va_arg(args, void*)), false, 16, true, "");
@@ -321,7 +321,7 @@ void FormatInto(Output& out, const wchar_t* f, va_list& args) {
       case L'g':
       case L'G':
       case L'a':
-      case L'A': PutFloat(out, spec, conversion, args); break;
+      case L'A': PutFloat(out, conv, conversion, args); break;
       case L'n': (void)va_arg(args, void*); break;
       default: out.Put(conversion); break;
     }
