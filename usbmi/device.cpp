@@ -3,12 +3,15 @@
 #include "kntrace.h"
 
 Device::Device() {
+  SetLowerDevice(&mLowerDeviceUsb);
   InitializeListHead(&mIadList);
   InitializeListHead(&mInterfaceList);
 }
 
 Device::~Device() {
   FreeLists();
+  // The lower device goes with this object; the FDO part must not point at it any more.
+  SetLowerDevice(NULL);
 }
 
 void Device::Lock() {
@@ -25,7 +28,7 @@ NTSTATUS Device::OnAddDevice(PDRIVER_OBJECT, PDEVICE_OBJECT PhysicalDeviceObject
     KN_TRACE(0x1, "%P:Device::OnAddDevice: CreateDevice failed, stat=%N\n", status);
     return status;
   }
-  status = AttachToDeviceStack(PhysicalDeviceObject);
+  status = mLowerDeviceUsb.AttachToPnpDeviceStack(mDeviceObject, PhysicalDeviceObject);
   if (!NT_SUCCESS(status)) {
     KN_TRACE(0x1, "%P:DDevice::OnAddDevice: mLowerDevice->AttachToPnpDeviceStack failed, stat=%N\n", status);
     DeleteDevice();

@@ -1,21 +1,23 @@
 // Device: the parent function device object of one composite USB device.
 //
-// First step: the device object, its place on the device stack and its PnP lock. The
-// settings, configuration, children and selective suspend come with the parent's start.
+// First step: the device object, its place on the device stack through the USB lower
+// device it owns, and its PnP lock. The settings, configuration, children and selective
+// suspend come with the parent's start.
 #pragma once
 
 #include <ntddk.h>
 
 #include <usb.h>
 
-#include "knfdo.h"
+#include "knbusfdo.h"
 #include "knmutex.h"
+#include "knpnplowerdeviceusb.h"
 #include "knusbconfigurationdesc.h"
 
 struct IadEntry;
 struct InterfaceEntry;
 
-class Device : public KnFdo {
+class Device : public KnBusFdo {
  public:
   Device();
   ~Device() override;
@@ -57,5 +59,6 @@ class Device : public KnFdo {
   // --- end of interface enumeration ---
 
  private:
+  KnPnPLowerDeviceUsb mLowerDeviceUsb;  // the stack below; the FDO's mLowerDevice points here
   KnMutex mDeviceMutex;
 };
