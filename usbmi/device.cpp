@@ -1,17 +1,41 @@
+// Device: construction, destruction, the PnP lock and the place on the device stack.
 #include "device.h"
 
 #include "kntrace.h"
 
-Device::Device() {
+Device::Device()
+    : mEp0InUse(0),
+      mDeviceRemoved(0),
+      mOSVersion(OS_unknown),
+      mConnectedToRootHub(0),
+      mCyclePortOnPowerOn(0),
+      mConfigInPnpId(0),
+      mUsbConfigurationValue(0),
+      mChildCount(0),
+      mSelSusInterface(NULL),
+      mSelSusPipe(NULL),
+      mIdlePeriod(0),
+      mSelSusOperation(0),
+      mSelSusMode(0),
+      mTrySsOnXpWithHub(0),
+      mIdleNotificationIrp(NULL),
+      mIdleNotificationComplete(NotificationEvent, TRUE),
+      mNextSleepTime(0) {
+  RtlZeroMemory(&mDeviceDescriptor, sizeof(mDeviceDescriptor));
+  RtlZeroMemory(mFamilyName, sizeof(mFamilyName));
+  mUsbConfiguration.mLowerDevice = &mLowerDeviceUsb;
+  mConfigDesc.SetLowerDevice(&mLowerDeviceUsb);
   SetLowerDevice(&mLowerDeviceUsb);
-  InitializeListHead(&mIadList);
   InitializeListHead(&mInterfaceList);
+  InitializeListHead(&mIadList);
 }
 
 Device::~Device() {
-  FreeLists();
-  // The lower device goes with this object; the FDO part must not point at it any more.
   SetLowerDevice(NULL);
+  FreeLists();
+  KN_ASSERT(mIdleNotificationIrp == NULL);
+  // The members go in reverse order; mConfigDesc frees the held set, and the KnBusFdo part
+  // destroys any child still in the list.
 }
 
 void Device::Lock() {
@@ -40,4 +64,11 @@ NTSTATUS Device::OnAddDevice(PDRIVER_OBJECT, PDEVICE_OBJECT PhysicalDeviceObject
   mDeviceObject->Flags |= DO_BUFFERED_IO | DO_POWER_PAGABLE;
   mDeviceObject->Flags &= ~DO_DEVICE_INITIALIZING;
   return STATUS_SUCCESS;
+}
+
+// The functions of a composite device can go without warning, and each child has its own
+// user-visible number.
+void Device::OnPnpQueryCapabilitiesComplete(PDEVICE_CAPABILITIES Capabilities) {
+  Capabilities->SurpriseRemovalOK = TRUE;
+  Capabilities->UINumber = 0xFFFFFFFF;
 }

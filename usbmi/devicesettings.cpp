@@ -1,5 +1,8 @@
 #include "devicesettings.h"
 
+#include "device.h"
+#include "knregistrykey.h"
+
 ULONG QueryOSVersion() {
   // Each generation also offers the older versions: the last test that succeeds wins.
   ULONG version = OS_unknown;
@@ -64,4 +67,24 @@ ULONG IdlePeriodFromSetting(ULONG Value, ULONG* SelSusOperation) {
 
 UCHAR FlagFromSetting(ULONG Value) {
   return Value != 0 ? 1 : 0;
+}
+
+void Device::ReadSettings(KnRegistryKey* Key, ULONG* HighPowerCfg, ULONG* LowPowerCfg) {
+  ULONG value;
+  Key->GetDwordValue(L"HighPowerCfg", HighPowerCfg, 0);
+  Key->GetDwordValue(L"LowPowerCfg", LowPowerCfg, 0);
+  Key->GetDwordValue(L"ConfigInPnpId", &mConfigInPnpId, 0);
+  Key->GetDwordValue(L"UsbConfiguration", &mUsbConfigurationValue, 0);
+  // A missing name empties it; one too long or of another type leaves it as it was.
+  Key->QueryString(L"FamilyName", mFamilyName, kFamilyNameChars, REG_SZ);
+  Key->GetDwordValue(L"SelectiveSuspendOperation", &value, kDefaultSelectiveSuspendOperation);
+  mSelSusOperation = SelSusOperationFromSetting(value, mOSVersion);
+  Key->GetDwordValue(L"SelectiveSuspendMode", &value, kDefaultSelectiveSuspendMode);
+  mSelSusMode = SelSusModeFromSetting(value);
+  Key->GetDwordValue(L"SelectiveSuspendIdlePeriod", &value, kDefaultSelectiveSuspendIdlePeriodMs);
+  mIdlePeriod = IdlePeriodFromSetting(value, &mSelSusOperation);
+  Key->GetDwordValue(L"TrySsOnXpWithHub", &value, 0);
+  mTrySsOnXpWithHub = FlagFromSetting(value);
+  Key->GetDwordValue(L"CyclePortOnPowerOn", &value, 0);
+  mCyclePortOnPowerOn = FlagFromSetting(value);
 }
