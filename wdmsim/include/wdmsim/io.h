@@ -118,6 +118,10 @@ std::vector<ErrorLogEntry> TakeErrorLogEntries();
 
 // The next count calls of IoAllocateIrp (and the IoBuild... requests built on it) return NULL.
 void FailIrpAllocations(int count);
+// Only the nth call from now on (1 = the next one) fails; n <= 0 switches it off.
+void FailNthIrpAllocation(int n);
+// IRP allocations failed on purpose since the faults were last cleared.
+int InjectedIrpFailures();
 // The next count calls of IoCreateDevice fail with STATUS_INSUFFICIENT_RESOURCES.
 void FailDeviceCreations(int count);
 void ClearIoFaults();
