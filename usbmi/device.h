@@ -33,6 +33,10 @@ struct InterfaceEntry;
 
 class Device : public KnBusFdo {
  public:
+  // How long the driver's own synchronous USB requests may take (descriptor reads, the
+  // unconfiguration).
+  static const ULONG kRequestTimeoutMs = 2500;
+
   Device();
   ~Device() override;
 

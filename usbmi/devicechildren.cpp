@@ -11,7 +11,6 @@
 
 namespace {
 
-const ULONG kDescriptorTimeoutMs = 2500;
 // Device properties of the parent and interface strings: 256 bytes with the terminator.
 const ULONG kTextChars = 128;
 // A semantic string: 64 bytes, so at most 31 characters.
@@ -62,7 +61,7 @@ NTSTATUS Device::CreateChildren() {
   CdcFunctionNumbers numbers = {0, 0, 0};
   KnList<ChildPdo> created(ChildPdo::ListLink());
 
-  NTSTATUS status = mLowerDeviceUsb.GetDeviceDescriptor(&device, kDescriptorTimeoutMs);
+  NTSTATUS status = mLowerDeviceUsb.GetDeviceDescriptor(&device, kRequestTimeoutMs);
   if (!NT_SUCCESS(status)) {
     KN_TRACE(0x1, "%P:Device::CreateChildren: GetDeviceDescriptor failed %n\n");
     return status;
@@ -192,7 +191,7 @@ void Device::SetChildTexts(ChildPdo* Child, UCHAR StringIndex, PCWSTR ParentDesc
   ULONG returned = 0;
   if (StringIndex != 0 &&
       NT_SUCCESS(mLowerDeviceUsb.GetStringDescriptor(StringIndex, 0, descriptor, sizeof(descriptor) - sizeof(WCHAR),
-                                                     &returned, kDescriptorTimeoutMs))) {
+                                                     &returned, kRequestTimeoutMs))) {
     Child->SetStrDeviceDescription(&descriptor[1], PagedPool);
     Child->SetStrLocationInformation(&descriptor[1], PagedPool);
   } else {
@@ -216,7 +215,7 @@ BOOLEAN Device::ReadSemanticString(ChildPdo* Child, WCHAR* Semantic) {
            data->iInterface);
   if (data->iInterface == 0 ||
       !NT_SUCCESS(mLowerDeviceUsb.GetString(data->iInterface, 0, Semantic, kSemanticChars * sizeof(WCHAR),
-                                            kDescriptorTimeoutMs))) {
+                                            kRequestTimeoutMs))) {
     return FALSE;
   }
   KN_TRACE(0x4, "%P:Device::CreateChildren: got string descriptor %S\n", Semantic);

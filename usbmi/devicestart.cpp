@@ -8,7 +8,6 @@
 
 namespace {
 
-const ULONG kDescriptorTimeoutMs = 2500;
 const ULONG kMaximumTransferSize = 4096;
 // No selective suspend right after a start.
 const LONGLONG kNoSleepAfterStartMs = 6000;
@@ -36,7 +35,7 @@ NTSTATUS Device::OnPnpStartDevice(PIRP) {
   ReadSettings(&key, &highPowerCfg, &lowPowerCfg);
   key.Close();
 
-  status = mLowerDeviceUsb.GetDeviceDescriptor(&mDeviceDescriptor, kDescriptorTimeoutMs);
+  status = mLowerDeviceUsb.GetDeviceDescriptor(&mDeviceDescriptor, kRequestTimeoutMs);
   if (!NT_SUCCESS(status)) {
     KN_TRACE(0x1, "%P:Device::OnPnpStartDevice: GetDeviceDescriptor failed, stat=%N\n", status);
     goto Done;
@@ -55,7 +54,7 @@ NTSTATUS Device::OnPnpStartDevice(PIRP) {
 
   configurationIndex = ConfigurationIndexFromSetting(highPower ? highPowerCfg : lowPowerCfg,
                                                      mDeviceDescriptor.bNumConfigurations);
-  status = mConfigDesc.GetAndAllocate(configurationIndex, kDescriptorTimeoutMs);
+  status = mConfigDesc.GetAndAllocate(configurationIndex, kRequestTimeoutMs);
   if (!NT_SUCCESS(status)) {
     KN_TRACE(0x1, "%P:Device::OnPnpStartDevice: GetAndAllocate failed, stat=%N\n", status);
     goto Done;

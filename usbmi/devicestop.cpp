@@ -6,7 +6,6 @@
 
 namespace {
 
-const ULONG kUnconfigureTimeoutMs = 2500;
 const ULONG kIdleNotificationWaitSliceMs = 500;
 
 }  // namespace
@@ -52,7 +51,7 @@ void Device::StopDevice(BOOLEAN Send) {
   mVendorIrpQueue.CancelAllIrps(NULL);
 
   // On removal the device is gone or going: only the local state is cleared.
-  mUsbConfiguration.UnconfigureDevice(Send, kUnconfigureTimeoutMs);
+  mUsbConfiguration.UnconfigureDevice(Send, kRequestTimeoutMs);
 
   ReportChildrenMissing();
 }
