@@ -9,6 +9,11 @@
 #include <wdmsim/registry.h>
 #include <wdmsim/verifier.h>
 
+#include "pnp/device_tree.h"
+#include "pnp/driver_images.h"
+#include "pnp/driver_store.h"
+#include "pnp/pnp_thread.h"
+
 namespace wdmsim {
 namespace pnp {
 namespace {
@@ -55,6 +60,10 @@ void EnsureKeyPath(const std::u16string& path) {
 }  // namespace
 
 void EndOfRun() {
+  ForgetPnpThread();
+  ForgetDeviceTree();
+  ForgetDriverImages();
+  ForgetDriverStore();
   std::lock_guard<std::mutex> guard(table().lock);
   table().nodes.clear();
   table().invalidations.clear();
@@ -183,6 +192,10 @@ extern "C" void IoInvalidateDeviceRelations(PDEVICE_OBJECT DeviceObject, DEVICE_
     wdmsim::ReportViolation("IRQL_NOT_LESS_OR_EQUAL", DeviceObject, "IoInvalidateDeviceRelations at IRQL %d",
                             KeGetCurrentIrql());
   }
-  std::lock_guard<std::mutex> guard(wdmsim::pnp::table().lock);
-  wdmsim::pnp::table().invalidations.push_back({DeviceObject, Type});
+  {
+    std::lock_guard<std::mutex> guard(wdmsim::pnp::table().lock);
+    wdmsim::pnp::table().invalidations.push_back({DeviceObject, Type});
+  }
+  // The PnP manager answers later, on its own thread, as Windows does.
+  wdmsim::pnp::QueueRelationsEnumeration(DeviceObject, Type);
 }

@@ -1,0 +1,67 @@
+// What the PnP manager tests build on: small function and bus drivers that the PnP
+// manager loads through INFs, with behaviours a test sets per service, a log of what
+// their device objects saw, and INF text for them.
+#pragma once
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <wdm.h>
+
+#include <wdmsim/io.h>
+#include <wdmsim/kernel.h>
+#include <wdmsim/pnpmanager.h>
+
+namespace pnptest {
+
+// How the FDOs of one service behave. A minor code listed in refuse is completed with
+// that status instead of being passed down (for IRP_MN_START_DEVICE: after the lower
+// stack started).
+struct DriverBehaviour {
+  NTSTATUS addDevice = STATUS_SUCCESS;
+  std::map<UCHAR, NTSTATUS> refuse;
+  // A bus driver: answers bus relations with these PDOs (raw PDOs the test created), each
+  // referenced as the contract demands unless forgetReferences is set.
+  bool bus = false;
+  std::vector<PDEVICE_OBJECT> children;
+  bool forgetReferences = false;
+  // Virtual milliseconds the FDO spends in IRP_MN_START_DEVICE after the lower stack.
+  ULONG startDelayMs = 0;
+};
+
+// Registers the services' images (one DriverEntry shared by all) and keeps their
+// behaviours and log. One at a time; destroy it before the Kernel.
+class TestDrivers {
+ public:
+  TestDrivers();
+  ~TestDrivers();
+  DriverBehaviour& Add(const std::u16string& service);
+  DriverBehaviour& Behaviour(const std::u16string& service);
+
+  // "<service> <MINOR_NAME>" per PnP request an FDO received (with "+" appended when the
+  // FDO handler starts and "-" when it returns, if tracing entries), "<service> AddDevice"
+  // and "<service> Unload".
+  std::vector<std::string> TakeLog();
+  void TraceEntries(bool on);
+  // FDOs of a service still alive.
+  int LiveFdos(const std::u16string& service);
+};
+
+// INF text with one NTamd64 model per (description, IDs) for service.
+struct Model {
+  std::string description;
+  std::vector<std::string> ids;
+};
+std::string InfFor(const std::string& service, const std::vector<Model>& models, const std::string& hwAddReg = "");
+// Installs it and fails the test on an error.
+void Install(const std::string& service, const std::vector<Model>& models, const std::string& hwAddReg = "");
+
+// A raw PDO with these IDs and texts whose bus reports UniqueID as given.
+PDEVICE_OBJECT CreateDevice(const std::u16string& deviceId, const std::vector<std::u16string>& hardwareIds,
+                            const std::vector<std::u16string>& compatibleIds = {}, const std::u16string& instanceId = u"",
+                            bool uniqueId = false);
+
+std::vector<std::string> Names(wdmsim::DeviceNodeId node);
+
+}  // namespace pnptest
