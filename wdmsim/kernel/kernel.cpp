@@ -82,6 +82,7 @@ Kernel::~Kernel() {
   kernel::workitems::ReportLeakedAndReset();
   kernel::ReportLeakedThreadObjects();
 
+  usb::EndOfRun();
   pnp::EndOfRun();
   power::EndOfRun();
   io::EndOfRun();

@@ -4,6 +4,7 @@
 #pragma once
 
 namespace wdmsim {
+namespace usb { void EndOfRun(); }       // the USB bus model (before the device objects go)
 namespace pnp { void EndOfRun(); }       // device nodes and recorded invalidations
 namespace power { void EndOfRun(); }     // recorded power services calls
 namespace io { void EndOfRun(); }        // IRPs, device and driver objects, work items, error log
