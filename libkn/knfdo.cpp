@@ -43,13 +43,7 @@ NTSTATUS KnFdo::OnDispatchPnp(KnPrivateDeviceExtension* Extension, PIRP Irp) {
       break;
     case IRP_MN_STOP_DEVICE:
       KN_ASSERT(mPnPState==KnPnPState_StopPending);
-      Lock();
-      OnPnpStopDevice();
-      SetPnPState(KnPnPState_Stopped);
-      CancelWakeIrp();
-      Unlock();
-      Irp->IoStatus.Status = STATUS_SUCCESS;
-      status = PassDown(Irp);
+      status = OnPnpLeaveDevice(Irp, &KnFdo::OnPnpStopDevice, KnPnPState_Stopped);
       break;
     case IRP_MN_QUERY_REMOVE_DEVICE:
       status = OnPnpQueryStopOrRemove(Irp, true);
@@ -58,13 +52,7 @@ NTSTATUS KnFdo::OnDispatchPnp(KnPrivateDeviceExtension* Extension, PIRP Irp) {
       status = OnPnpCancelStopOrRemove(Irp, true);
       break;
     case IRP_MN_SURPRISE_REMOVAL:
-      Lock();
-      OnPnpSurpriseRemoval();
-      SetPnPState(KnPnPState_SurpriseRemoved);
-      CancelWakeIrp();
-      Unlock();
-      Irp->IoStatus.Status = STATUS_SUCCESS;
-      status = PassDown(Irp);
+      status = OnPnpLeaveDevice(Irp, &KnFdo::OnPnpSurpriseRemoval, KnPnPState_SurpriseRemoved);
       break;
     case IRP_MN_REMOVE_DEVICE:
       // The remove lock is gone with the object: no release on the way out.
@@ -109,6 +97,17 @@ NTSTATUS KnFdo::OnPnpStart(PIRP Irp) {
   status = Irp->IoStatus.Status;
   IofCompleteRequest(Irp, IO_NO_INCREMENT);
   return status;
+}
+
+// A stop or surprise removal: we let go of the device before the lower stack does.
+NTSTATUS KnFdo::OnPnpLeaveDevice(PIRP Irp, void (KnFdo::*Hook)(), KnPnPState NewState) {
+  Lock();
+  (this->*Hook)();
+  SetPnPState(NewState);
+  CancelWakeIrp();
+  Unlock();
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  return PassDown(Irp);
 }
 
 // Our side decides first: only a device that agrees lets the query go down. The pending

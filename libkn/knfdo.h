@@ -70,6 +70,8 @@ class KnFdo : public KnPnPDeviceObject {
 
  private:
   NTSTATUS OnPnpStart(PIRP Irp);
+  // Runs Hook (virtual) and enters NewState under the lock, then passes the IRP down.
+  NTSTATUS OnPnpLeaveDevice(PIRP Irp, void (KnFdo::*Hook)(), KnPnPState NewState);
   NTSTATUS OnPnpQueryStopOrRemove(PIRP Irp, bool Remove);
   NTSTATUS OnPnpCancelStopOrRemove(PIRP Irp, bool Remove);
   NTSTATUS OnPnpCapabilities(PIRP Irp);

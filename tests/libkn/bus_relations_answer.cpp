@@ -27,11 +27,7 @@ class BusRelationsTest : public kntest::BusTest {
  protected:
   void SetUp() override {
     BusTest::SetUp();
-    for (TestChildPdo*& child : mChildren) {
-      child = kntest::AddPresentChild(mBus, &mJournal);
-      ASSERT_NE(nullptr, child);
-      child->destructions = &mChildDestructions;
-    }
+    AddPresentChildren(mChildren, 3, &mChildDestructions);
     gKnTraceMask = 0x7;
     TakeTrace();
   }

@@ -22,10 +22,8 @@ class ChildRemovalTest : public kntest::BusTest {
  protected:
   void SetUp() override {
     BusTest::SetUp();
-    for (TestChildPdo*& child : mChildren) {
-      child = kntest::AddPresentChild(mBus, &mJournal);
-      ASSERT_NE(nullptr, child);
-      child->destructions = &mDestructions;
+    AddPresentChildren(mChildren, 2, &mDestructions);
+    for (TestChildPdo* child : mChildren) {
       child->AddStrHardwareId(L"KN\\CHILD", NonPagedPool);
       child->SetStrDeviceDescription(L"Child", PagedPool);
     }

@@ -17,29 +17,17 @@
 
 namespace {
 
-using kntest::PnpJournal;
 using kntest::TestFdo;
 using Events = std::vector<std::string>;
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-class FdoPnpTest : public kntest::FrameworkTest {
+class FdoPnpTest : public kntest::FdoStackTest<TestFdo> {
  protected:
   void SetUp() override {
-    mDriver = kntest::LoadTestDriver();
-    ASSERT_NE(nullptr, mDriver);
-    mPdo = kntest::CreateJournalledPdo(&mJournal);
-    mFdo = kntest::CreatePnpDevice<TestFdo>(FILE_DEVICE_SECURE_OPEN, &mJournal, &mDestroyed);
-    ASSERT_NE(nullptr, mFdo);
-    ASSERT_EQ(STATUS_SUCCESS, mFdo->Attach(mPdo));
+    FdoStackTest::SetUp();
     gKnTraceMask = 0x7;
     TakeTrace();
-  }
-  void TearDown() override {
-    if (!mDestroyed) Remove();
-    EXPECT_TRUE(mDestroyed);
-    wdmsim::DeleteRawPdo(mPdo);
-    ASSERT_TRUE(wdmsim::UnloadDriver(mDriver));
   }
   IO_STATUS_BLOCK Send(UCHAR minor) { return wdmsim::SendPnpIrp(mPdo, minor); }
   IO_STATUS_BLOCK Remove() { return Send(IRP_MN_REMOVE_DEVICE); }
@@ -47,12 +35,6 @@ class FdoPnpTest : public kntest::FrameworkTest {
     mFdo->SetPnPState(previous);
     mFdo->SetPnPState(state);
   }
-
-  PDRIVER_OBJECT mDriver = nullptr;
-  PDEVICE_OBJECT mPdo = nullptr;
-  PnpJournal mJournal;
-  TestFdo* mFdo = nullptr;
-  bool mDestroyed = false;
 };
 
 struct Transition {

@@ -53,21 +53,11 @@ void NTAPI WaitAtGate(PDEVICE_OBJECT, PVOID gate, PVOID journal) {
 
 const ULONG kLongMs = 60000;
 
-class FdoRemovalTest : public kntest::FrameworkTest {
+class FdoRemovalTest : public kntest::FdoStackTest<GatedFdo> {
  protected:
   void SetUp() override {
-    mDriver = kntest::LoadTestDriver();
-    ASSERT_NE(nullptr, mDriver);
-    mPdo = kntest::CreateJournalledPdo(&mJournal);
-    mFdo = kntest::CreatePnpDevice<GatedFdo>(FILE_DEVICE_SECURE_OPEN, &mJournal, &mDestroyed);
-    ASSERT_NE(nullptr, mFdo);
-    ASSERT_EQ(STATUS_SUCCESS, mFdo->Attach(mPdo));
+    FdoStackTest::SetUp();
     mFdo->SetPnPState(KnPnPState_Started);
-  }
-  void TearDown() override {
-    EXPECT_TRUE(mDestroyed);
-    wdmsim::DeleteRawPdo(mPdo);
-    ASSERT_TRUE(wdmsim::UnloadDriver(mDriver));
   }
   // Starts the removal on its own thread and shows that it is held up: the object still
   // exists and the lower stack has not seen the request.
@@ -87,12 +77,6 @@ class FdoRemovalTest : public kntest::FrameworkTest {
     EXPECT_EQ((std::vector<std::string>{lastHolder, "pdo IRP_MN_REMOVE_DEVICE"}), mJournal.Take());
     EXPECT_TRUE(mDestroyed);
   }
-
-  PDRIVER_OBJECT mDriver = nullptr;
-  PDEVICE_OBJECT mPdo = nullptr;
-  PnpJournal mJournal;
-  GatedFdo* mFdo = nullptr;
-  bool mDestroyed = false;
 };
 
 TEST_F(FdoRemovalTest, RemovalWaitsForTheRequestStillInsideAndRefusesNewOnes) {

@@ -24,24 +24,24 @@ PDEVICE_OBJECT CreateJournalledPdo(PnpJournal* journal) {
   return wdmsim::CreateRawPdo(options);
 }
 
-TestFdo::TestFdo(PnpJournal* journal, bool* destroyed) : mJournal(journal), mDestroyed(destroyed) {
+void JournalledLock::Lock() {
+  mMutex.Lock();
+  mJournal->lockDepth++;
+  mJournal->lockCalls++;
+}
+
+void JournalledLock::Unlock() {
+  mJournal->lockDepth--;
+  mMutex.Unlock();
+}
+
+TestFdo::TestFdo(PnpJournal* journal, bool* destroyed) : mJournal(journal), mLock(journal), mDestroyed(destroyed) {
   SetLowerDevice(&mLower);
 }
 
 TestFdo::~TestFdo() {
   SetLowerDevice(NULL);
   if (mDestroyed != nullptr) *mDestroyed = true;
-}
-
-void TestFdo::Lock() {
-  mMutex.Lock();
-  mJournal->lockDepth++;
-  mJournal->lockCalls++;
-}
-
-void TestFdo::Unlock() {
-  mJournal->lockDepth--;
-  mMutex.Unlock();
 }
 
 // Every hook but the relations one must run under the lock; a hook that does not shows up
@@ -82,20 +82,9 @@ void TestFdo::OnPnpCancelRemoveDevice() { JOURNAL_LOCKED_HOOK("OnPnpCancelRemove
 void TestFdo::OnPnpRemoveDevice() { JOURNAL_LOCKED_HOOK("OnPnpRemoveDevice"); }
 void TestFdo::OnPnpSurpriseRemoval() { JOURNAL_LOCKED_HOOK("OnPnpSurpriseRemoval"); }
 
-TestBusFdo::TestBusFdo(PnpJournal* journal) : mJournal(journal) { SetLowerDevice(&mLower); }
+TestBusFdo::TestBusFdo(PnpJournal* journal) : mLock(journal) { SetLowerDevice(&mLower); }
 
 TestBusFdo::~TestBusFdo() { SetLowerDevice(NULL); }
-
-void TestBusFdo::Lock() {
-  mMutex.Lock();
-  mJournal->lockDepth++;
-  mJournal->lockCalls++;
-}
-
-void TestBusFdo::Unlock() {
-  mJournal->lockDepth--;
-  mMutex.Unlock();
-}
 
 TestChildPdo::TestChildPdo(TestBusFdo* bus, PnpJournal* journal) : KnBusChildPdo(bus), mBus(bus), mJournal(journal) {}
 
@@ -181,6 +170,14 @@ IO_STATUS_BLOCK BusTest::QueryRelations(DEVICE_RELATION_TYPE type, ULONG_PTR att
       mPdo, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
       [type](IO_STACK_LOCATION& stack) { stack.Parameters.QueryDeviceRelations.Type = type; }, STATUS_NOT_SUPPORTED,
       attached);
+}
+
+void BusTest::AddPresentChildren(TestChildPdo** children, int count, int* destructions) {
+  for (int i = 0; i < count; i++) {
+    children[i] = AddPresentChild(mBus, &mJournal);
+    ASSERT_NE(nullptr, children[i]);
+    children[i]->destructions = destructions;
+  }
 }
 
 }  // namespace kntest

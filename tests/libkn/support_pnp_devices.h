@@ -38,6 +38,18 @@ struct PnpJournal {
   }
 };
 
+// The PnP lock of the test devices: a recursive mutex whose holding the journal counts.
+class JournalledLock {
+ public:
+  explicit JournalledLock(PnpJournal* journal) : mJournal(journal) {}
+  void Lock();
+  void Unlock();
+
+ private:
+  PnpJournal* mJournal;
+  KnMutex mMutex;
+};
+
 // A raw PDO that journals every request that reaches it (and fails those listed).
 PDEVICE_OBJECT CreateJournalledPdo(PnpJournal* journal);
 
@@ -48,8 +60,8 @@ class TestFdo : public KnFdo {
   ~TestFdo() override;
   NTSTATUS Attach(PDEVICE_OBJECT pdo) { return mLower.AttachToPnpDeviceStack(mDeviceObject, pdo); }
 
-  void Lock() override;
-  void Unlock() override;
+  void Lock() override { mLock.Lock(); }
+  void Unlock() override { mLock.Unlock(); }
   void OnPnpQueryCapabilities(PDEVICE_CAPABILITIES capabilities) override;
   void OnPnpQueryCapabilitiesComplete(PDEVICE_CAPABILITIES capabilities) override;
   NTSTATUS OnPnPQueryDeviceRelations(PIRP irp) override;
@@ -76,7 +88,7 @@ class TestFdo : public KnFdo {
 
  private:
   KnPnPLowerDevice mLower;
-  KnMutex mMutex;
+  JournalledLock mLock;
   bool* mDestroyed;
 };
 
@@ -87,13 +99,12 @@ class TestBusFdo : public KnBusFdo {
   ~TestBusFdo() override;
   NTSTATUS Attach(PDEVICE_OBJECT pdo) { return mLower.AttachToPnpDeviceStack(mDeviceObject, pdo); }
 
-  void Lock() override;
-  void Unlock() override;
+  void Lock() override { mLock.Lock(); }
+  void Unlock() override { mLock.Unlock(); }
 
  private:
-  PnpJournal* mJournal;
   KnPnPLowerDevice mLower;
-  KnMutex mMutex;
+  JournalledLock mLock;
 };
 
 // KnBusChildPdo whose lock is its bus's, with journalled state hooks and settable results.
@@ -143,6 +154,34 @@ T* CreatePnpDevice(ULONG characteristics, Args... args) {
 // A child created the way a bus driver creates one, appended to the bus as present.
 TestChildPdo* AddPresentChild(TestBusFdo* bus, PnpJournal* journal);
 
+// An FDO of class Fdo (constructed with the journal and a destroyed flag) attached to a
+// journalled raw PDO, with the test driver loaded. The FDO is removed at the end unless a
+// test removed it already.
+template <class Fdo>
+class FdoStackTest : public FrameworkTest {
+ protected:
+  void SetUp() override {
+    mDriver = LoadTestDriver();
+    ASSERT_NE(nullptr, mDriver);
+    mPdo = CreateJournalledPdo(&mJournal);
+    mFdo = CreatePnpDevice<Fdo>(FILE_DEVICE_SECURE_OPEN, &mJournal, &mDestroyed);
+    ASSERT_NE(nullptr, mFdo);
+    ASSERT_EQ(STATUS_SUCCESS, mFdo->Attach(mPdo));
+  }
+  void TearDown() override {
+    if (!mDestroyed) wdmsim::SendPnpIrp(mPdo, IRP_MN_REMOVE_DEVICE);
+    EXPECT_TRUE(mDestroyed);
+    wdmsim::DeleteRawPdo(mPdo);
+    ASSERT_TRUE(wdmsim::UnloadDriver(mDriver));
+  }
+
+  PDRIVER_OBJECT mDriver = nullptr;
+  PDEVICE_OBJECT mPdo = nullptr;
+  PnpJournal mJournal;
+  Fdo* mFdo = nullptr;
+  bool mDestroyed = false;
+};
+
 // The objects of a relations answer; releases their references and frees the answer.
 std::vector<PDEVICE_OBJECT> TakeRelations(ULONG_PTR information);
 
@@ -158,6 +197,8 @@ class BusTest : public FrameworkTest {
   // An IRP_MN_QUERY_DEVICE_RELATIONS to the stack, with attached as the answer a driver
   // above already put in.
   IO_STATUS_BLOCK QueryRelations(DEVICE_RELATION_TYPE type, ULONG_PTR attached = 0);
+  // Fills children with present children of the bus whose destructions are counted.
+  void AddPresentChildren(TestChildPdo** children, int count, int* destructions);
 
   PDRIVER_OBJECT mDriver = nullptr;
   PDEVICE_OBJECT mPdo = nullptr;
