@@ -150,17 +150,4 @@ TEST_F(BusRelationsTest, OtherRelationTypesGoDownUntouchedAndUnlocked) {
   EXPECT_EQ(std::vector<KnChildPresence>(3, KnChildPresence_Present), Presences());
 }
 
-TEST_F(BusRelationsTest, ChildListOperationsKeepInsertionOrderAndUnlinkTheRemoved) {
-  EXPECT_FALSE(mBus->IsChildListEmpty());
-  mBus->RemoveChild(mChildren[1]);
-  EXPECT_FALSE(mChildren[1]->IsLinked());
-  EXPECT_TRUE(mChildren[0]->IsLinked());
-  EXPECT_EQ(mChildren[0], mBus->GetFirstChild());
-  EXPECT_EQ(mChildren[2], mBus->GetNextChild(mChildren[0]));
-  EXPECT_EQ(nullptr, mBus->GetNextChild(mChildren[2]));
-  mBus->AppendChild(mChildren[1]);
-  EXPECT_EQ(mChildren[1], mBus->GetNextChild(mChildren[2]));
-  EXPECT_EQ(mBus, mChildren[1]->GetParentFdo());
-}
-
 }  // namespace
