@@ -1,0 +1,76 @@
+// A device whose driver cannot be loaded, added or started is left with the status that
+// failed, its stack torn down and its driver unloaded; when it vanishes it gets a remove
+// and no surprise removal.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "pnp_test_drivers.h"
+
+namespace {
+
+using pnptest::Names;
+using wdmsim::DeviceNodeState;
+
+class PnpStartFailure : public ::testing::Test {
+ protected:
+  wdmsim::Kernel kernel;
+  pnptest::TestDrivers drivers;
+};
+
+struct FailureCase {
+  const char* what;
+  bool registerImage;
+  NTSTATUS addDevice;
+  NTSTATUS start;
+  DeviceNodeState state;
+  NTSTATUS problem;
+  std::vector<std::string> lastRequests;  // the node's requests from AddDevice on
+  std::vector<std::string> driverLog;
+};
+
+TEST_F(PnpStartFailure, EachFailurePointLeavesItsStatusAndNothingBehind) {
+  const FailureCase cases[] = {
+      {"no driver image", false, STATUS_SUCCESS, STATUS_SUCCESS, DeviceNodeState::AddFailed,
+       STATUS_OBJECT_NAME_NOT_FOUND, {}, {}},
+      {"AddDevice fails", true, STATUS_INSUFFICIENT_RESOURCES, STATUS_SUCCESS, DeviceNodeState::AddFailed,
+       STATUS_INSUFFICIENT_RESOURCES, {"AddDevice pnpfunc"}, {"pnpfunc AddDevice", "pnpfunc Unload"}},
+      {"start fails", true, STATUS_SUCCESS, STATUS_DEVICE_CONFIGURATION_ERROR, DeviceNodeState::StartFailed,
+       STATUS_DEVICE_CONFIGURATION_ERROR,
+       {"AddDevice pnpfunc", "FILTER_RESOURCE_REQUIREMENTS", "START_DEVICE", "REMOVE_DEVICE"},
+       {"pnpfunc AddDevice", "pnpfunc FILTER_RESOURCE_REQUIREMENTS", "pnpfunc START_DEVICE", "pnpfunc REMOVE_DEVICE",
+        "pnpfunc Unload"}},
+  };
+  pnptest::Install("pnpfunc", {{"gadget", {"WDMSIM\\GADGET"}}});
+  for (const FailureCase& c : cases) {
+    if (c.registerImage) {
+      pnptest::DriverBehaviour& behaviour = drivers.Add(u"pnpfunc");
+      behaviour.addDevice = c.addDevice;
+      behaviour.refuse = {{IRP_MN_START_DEVICE, c.start}};
+    }
+    PDEVICE_OBJECT pdo = pnptest::CreateDevice(u"WDMSIM\\GADGET", {u"WDMSIM\\GADGET"}, {}, u"1", true);
+    wdmsim::DeviceNodeId id = wdmsim::ReportRootDevice(pdo);
+    wdmsim::WaitForPnpIdle();
+
+    auto node = wdmsim::GetDeviceNode(id);
+    EXPECT_EQ(node->state, c.state) << c.what;
+    EXPECT_EQ(node->problemStatus, c.problem) << c.what;
+    std::vector<std::string> names = Names(id);
+    auto added = std::find(names.begin(), names.end(), "QUERY_RESOURCE_REQUIREMENTS") + 1;
+    EXPECT_EQ(std::vector<std::string>(added, names.end()), c.lastRequests) << c.what;
+    EXPECT_EQ(drivers.TakeLog(), c.driverLog) << c.what;
+    EXPECT_EQ(drivers.LiveFdos(u"pnpfunc"), 0) << c.what;
+    EXPECT_EQ(wdmsim::AttachedToDevice(pdo), nullptr) << c.what;
+    EXPECT_EQ(pdo->AttachedDevice, nullptr) << c.what;
+
+    EXPECT_EQ(wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, id), STATUS_SUCCESS) << c.what;
+    names = Names(id);
+    EXPECT_EQ(names.back(), "REMOVE_DEVICE") << c.what;
+    EXPECT_EQ(std::count(names.begin(), names.end(), "SURPRISE_REMOVAL"), 0) << c.what;
+    EXPECT_EQ(wdmsim::GetDeviceNode(id)->state, DeviceNodeState::Deleted) << c.what;
+    wdmsim::DeleteRawPdo(pdo);
+  }
+  // Every device object and driver is gone: the end of the run finds nothing to report.
+}
+
+}  // namespace
