@@ -151,16 +151,10 @@ TEST_F(ChildIdentifiersTest, CdcFunctionsOfOneKindAreNumberedPerKind) {
   EXPECT_EQ(1u, mNumbers.mEcm);
   EXPECT_EQ(1u, mNumbers.mNcm);
 
-  // A semantic string goes before the number.
-  const Function acmNamed = {u"Fam", FALSE, 1, 0, 0x02, 0x02, 0x00, u"gps"};
-  EXPECT_EQ((Strings{u"USB\\Fam&VID_1234&PID_5678&CF_01&MI_00", u"USB\\Fam&02_02_00&gps", u"USB\\Fam&02_02_00&3",
-                     u"USB\\Fam&02_02_00", u"USB\\Fam&02_02", u"USB\\Fam&02"}),
-            Build(acmNamed).hardwareIds);
-
   // The vendor/product scheme numbers nothing.
   const Function acmPlain = {u"", FALSE, 1, 0, 0x02, 0x02, 0x00, nullptr};
   EXPECT_EQ(1u, Build(acmPlain).hardwareIds.size());
-  EXPECT_EQ(4u, mNumbers.mAcm);
+  EXPECT_EQ(3u, mNumbers.mAcm);
 }
 
 TEST_F(ChildIdentifiersTest, LongestFamilyNameAndSemanticStringFit) {
