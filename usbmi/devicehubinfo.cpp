@@ -36,6 +36,10 @@ NTSTATUS Device::GetHubInfo(PUSB_NODE_INFORMATION NodeInformation) {
   // The hub driver writes its device object through the first argument.
   stack->Parameters.Others.Argument1 = &hubDeviceObject;
   NTSTATUS status = CallAndWait(lower, irp, &event, &ioStatus);
+  // A stack that claims success without naming a hub gave no answer either.
+  if (NT_SUCCESS(status) && hubDeviceObject == NULL) {
+    status = STATUS_UNSUCCESSFUL;
+  }
   if (!NT_SUCCESS(status)) {
     KN_TRACE(0x1, "%P: IOCTL_INTERNAL_USB_GET_PARENT_HUB_INFO failed with %D\n", status);
     return status;

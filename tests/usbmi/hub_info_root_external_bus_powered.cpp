@@ -118,7 +118,7 @@ class HubInfoTest : public testing::Test {
         return false;
       }
       if (NT_SUCCESS(parentHubAnswer)) {
-        *static_cast<PDEVICE_OBJECT*>(stack->Parameters.Others.Argument1) = mHub.bottom;
+        *static_cast<PDEVICE_OBJECT*>(stack->Parameters.Others.Argument1) = mHub.bottom;  // NULL without a hub
       }
       irp->IoStatus.Status = parentHubAnswer;
       IoCompleteRequest(irp, IO_NO_INCREMENT);
@@ -224,6 +224,14 @@ TEST_F(HubInfoTest, ParentHubRequestFailureLeavesTheNodeInformationUntouched) {
   std::string trace = wdmsim::TakeDebugOutput();
   EXPECT_TRUE(Contains(trace, "usbmi: IOCTL_INTERNAL_USB_GET_PARENT_HUB_INFO failed with C00000BB\n")) << trace;
   EXPECT_FALSE(Contains(trace, "Hub\n")) << trace;
+
+  // Success without a hub device object is no answer either.
+  RemoveParent();
+  CreateParent(STATUS_SUCCESS);
+  EXPECT_EQ(STATUS_UNSUCCESSFUL, GetHubInfo(&node));
+  EXPECT_EQ(0xEE, reinterpret_cast<const UCHAR*>(&node)[0]);
+  trace = wdmsim::TakeDebugOutput();
+  EXPECT_TRUE(Contains(trace, "usbmi: IOCTL_INTERNAL_USB_GET_PARENT_HUB_INFO failed with C0000001\n")) << trace;
 }
 
 }  // namespace
