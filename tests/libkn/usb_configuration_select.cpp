@@ -1,4 +1,4 @@
-// KnUsbConfiguration against a stack double: selecting a configuration with non-contiguous
+// KnUsbConfiguration on the simulated USB stack: selecting a configuration with non-contiguous
 // interface numbers, switching alternate settings, unconfiguring, and the look-ups.
 #include <memory>
 #include <string>
@@ -13,7 +13,7 @@
 #include "knusbinterface.h"
 #include "knusbpipe.h"
 #include "support_test_driver.h"
-#include "usb_select_double.h"
+#include "usb_device_on_bus.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ std::vector<UCHAR> CompositeSet(UCHAR numInterfaces) {
 class UsbConfigurationTest : public kntest::FrameworkTest {
  protected:
   void Open(UCHAR numInterfaces) {
-    mStack.reset(new kntest::UsbSelectDouble(CompositeSet(numInterfaces)));
+    mStack.reset(new kntest::UsbDeviceOnBus(CompositeSet(numInterfaces)));
     mConfiguration.mLowerDevice = &mStack->lower;
     mHolder.Attach(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(const_cast<UCHAR*>(mStack->Set())));
   }
@@ -66,7 +66,7 @@ class UsbConfigurationTest : public kntest::FrameworkTest {
     return first ? first->mInterfaceInformation.InterfaceNumber : -1;
   }
 
-  std::unique_ptr<kntest::UsbSelectDouble> mStack;
+  std::unique_ptr<kntest::UsbDeviceOnBus> mStack;
   KnUsbConfiguration mConfiguration;
   KnUsbConfigurationDesc mHolder;
 };

@@ -1,4 +1,4 @@
-// KnUsbPipe against a stack double: reads that complete with data, reads cancelled by an
+// KnUsbPipe on the simulated USB stack: reads that complete with data, reads cancelled by an
 // abort, reads whose context or IRP cannot be allocated, and reset/abort failures.
 #include <memory>
 #include <string>
@@ -14,7 +14,7 @@
 #include "knusbinterface.h"
 #include "knusbpipe.h"
 #include "support_test_driver.h"
-#include "usb_select_double.h"
+#include "usb_device_on_bus.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ constexpr ULONG kUsbtTag = 0x54425355;
 class UsbPipeTest : public kntest::FrameworkTest {
  protected:
   void SetUp() override {
-    mStack.reset(new kntest::UsbSelectDouble(OneInterfaceSet()));
+    mStack.reset(new kntest::UsbDeviceOnBus(OneInterfaceSet()));
     mConfiguration.mLowerDevice = &mStack->lower;
     mHolder.Attach(reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(const_cast<UCHAR*>(mStack->Set())));
     ASSERT_EQ(mConfiguration.SetConfiguration(&mHolder, 4096, 0), STATUS_SUCCESS);
@@ -67,7 +67,7 @@ class UsbPipeTest : public kntest::FrameworkTest {
     mStack.reset();
   }
 
-  std::unique_ptr<kntest::UsbSelectDouble> mStack;
+  std::unique_ptr<kntest::UsbDeviceOnBus> mStack;
   KnUsbConfiguration mConfiguration;
   KnUsbConfigurationDesc mHolder;
   KnUsbInterface* mInterface = nullptr;
@@ -84,7 +84,7 @@ TEST_F(UsbPipeTest, ReadDeliversTheBytesOnceAndFreesItsContext) {
   EXPECT_EQ(submitted, TRUE);
   EXPECT_EQ(record.calls, 0);
   EXPECT_EQ(wdmsim::LivePoolBlockCount(kUsbtTag), 1u);
-  mStack->CompleteRead({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+  mStack->Send(0x82, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
   EXPECT_EQ(record.calls, 1);
   EXPECT_EQ(record.status, USBD_STATUS_SUCCESS);
   EXPECT_EQ(record.buffer, buffer);
@@ -96,7 +96,7 @@ TEST_F(UsbPipeTest, ReadDeliversTheBytesOnceAndFreesItsContext) {
 
   // A short packet is fine and reports its own length; no submitted flag is needed.
   EXPECT_EQ(mBulk->Read(buffer, 16, OnRead, &record, NULL), STATUS_PENDING);
-  mStack->CompleteRead({0x42});
+  mStack->Send(0x81, {0x42});
   EXPECT_EQ(record.calls, 2);
   EXPECT_EQ(record.length, 1u);
 }
@@ -106,14 +106,14 @@ TEST_F(UsbPipeTest, AbortCancelsOnlyThatPipesReadsWithTheUsbdStatus) {
   ReadRecord bulk, interrupt;
   EXPECT_EQ(mBulk->Read(bulkBuffer, 8, OnRead, &bulk, NULL), STATUS_PENDING);
   EXPECT_EQ(mInterrupt->Read(interruptBuffer, 8, OnRead, &interrupt, NULL), STATUS_PENDING);
-  EXPECT_EQ(mStack->PendingReads(), 2u);
+  EXPECT_EQ(mStack->PendingTransfers(), 2u);
 
   EXPECT_EQ(mInterrupt->AbortPipe(1000), STATUS_SUCCESS);
   EXPECT_EQ(interrupt.calls, 1);
   EXPECT_EQ(interrupt.status, static_cast<LONG>(USBD_STATUS_CANCELED));  // not STATUS_CANCELLED
   EXPECT_EQ(interrupt.length, 0u);
   EXPECT_EQ(bulk.calls, 0);
-  EXPECT_EQ(mStack->PendingReads(), 1u);
+  EXPECT_EQ(mStack->PendingTransfers(), 1u);
 
   EXPECT_EQ(mBulk->AbortPipe(1000), STATUS_SUCCESS);
   EXPECT_EQ(bulk.calls, 1);

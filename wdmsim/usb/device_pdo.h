@@ -73,6 +73,7 @@ class DevicePdo {
   bool reported = false;   // the PnP manager got it in a bus relations answer
   bool started = false;
   Selection selection;
+  std::vector<USHORT> urbLog;  // URB functions received, for tests
 
  private:
   DevicePdo(PDEVICE_OBJECT self, Hub* hub, Port* port);

@@ -72,6 +72,10 @@ NTSTATUS DevicePdo::CyclePort(PIRP irp) {
 
 NTSTATUS DevicePdo::SubmitUrb(PIRP irp, PURB urb) {
   if (urb == nullptr) return CompleteIrp(irp, STATUS_INVALID_PARAMETER);
+  {
+    auto guard = LockBus();
+    urbLog.push_back(urb->UrbHeader.Function);
+  }
   UsbFaultPoint fault;
   if (TakeFault(UsbFault::FailUrb, urb->UrbHeader.Function, 0xFF, &fault)) {
     urb->UrbHeader.Status = fault.urbStatus;

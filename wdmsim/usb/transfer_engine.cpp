@@ -161,21 +161,21 @@ void TransferEngine::SetHalted(uint8_t endpoint, bool halted) {
 }
 
 size_t TransferEngine::PendingLocked() const {
-  size_t count = mFinishing + mAbortWaiters.size();
+  size_t count = mAbortWaiters.size();
   for (const auto& entry : mQueues) count += entry.second.transfers.size();
   return count;
 }
 
-size_t TransferEngine::Pending() {
+size_t TransferEngine::Busy() {
   auto guard = LockBus();
-  return PendingLocked();
+  return PendingLocked() + mFinishing;
 }
 
 void TransferEngine::Shutdown() {
   FailAll();
   // A transfer the firmware holds right now, or one whose cancel routine runs, finishes on
   // another thread; the device object must outlive both.
-  for (int waits = 0; Pending() != 0 && waits < 1000; ++waits) {
+  for (int waits = 0; Busy() != 0 && waits < 1000; ++waits) {
     LARGE_INTEGER interval;
     interval.QuadPart = -static_cast<LONGLONG>(kTicksPerMs);
     KeDelayExecutionThread(KernelMode, FALSE, &interval);

@@ -82,8 +82,8 @@ class TransferEngine {
   // Under the bus lock: the firmware released the endpoint.
   void MarkReadyLocked(uint8_t endpoint);
   void SetHalted(uint8_t endpoint, bool halted);
+  // Transfers and aborts the stack holds (queued, waiting or with the firmware).
   size_t PendingLocked() const;
-  size_t Pending();
   // PASSIVE_LEVEL, before the device object goes: fails what is left and waits until the
   // host-controller context has let go of the device.
   void Shutdown();
@@ -112,6 +112,8 @@ class TransferEngine {
   void CompleteAbortWaiters(const std::vector<PIRP>& waiters);
   void ReleaseAbortWaitersLocked(std::vector<PIRP>& released);
   void ArmTimerLocked();
+  // Pending, and those taken out of the queues whose completion is still under way.
+  size_t Busy();
   void Finish(Transfer* transfer);
   void Kick();
 

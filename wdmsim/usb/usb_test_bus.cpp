@@ -54,6 +54,7 @@ void UsbTestBus::StartHub(int hub) {
 }
 
 PDEVICE_OBJECT UsbTestBus::Attach(std::shared_ptr<UsbFirmware> firmware, int port, int hub) {
+  if (hub == 0) hub = mRootHub;
   const int plugged = AttachUsbDevice(hub, std::move(firmware), port);
   if (plugged == 0) return nullptr;
   Enumerate();

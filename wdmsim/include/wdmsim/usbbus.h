@@ -80,6 +80,13 @@ struct UsbPortState {
 };
 UsbPortState GetUsbPortState(int hub, int port);
 
+// What the stack holds for a device PDO. The URB functions it received since the last
+// take, oldest first (those a fault point failed included); whether a pipe handle belongs to
+// the current selection; the current configuration handle (NULL when unconfigured).
+std::vector<USHORT> TakeUsbUrbLog(PDEVICE_OBJECT pdo);
+bool IsCurrentUsbPipeHandle(PDEVICE_OBJECT pdo, USBD_PIPE_HANDLE handle);
+USBD_CONFIGURATION_HANDLE CurrentUsbConfigurationHandle(PDEVICE_OBJECT pdo);
+
 // ---------------------------------------------------------------------------------------
 // Fault points. Each one is armed for `count` matching requests, anywhere on the bus; a
 // test that arms one should check UsbFaultHits afterwards to prove the path ran.
@@ -125,8 +132,9 @@ class UsbTestBus {
   int RootHub() const { return mRootHub; }
   PDRIVER_OBJECT HubDriver() const { return mHubDriver; }
 
-  // Attaches the device and enumerates its hub; returns the device PDO (NULL if no port).
-  PDEVICE_OBJECT Attach(std::shared_ptr<UsbFirmware> firmware, int port = 0, int hub = 1);
+  // Attaches the device (hub 0: this bus's root hub; port 0: the first free one) and
+  // enumerates; returns the device PDO (NULL if no port was free).
+  PDEVICE_OBJECT Attach(std::shared_ptr<UsbFirmware> firmware, int port = 0, int hub = 0);
   // Attaches an external hub, adds and starts its FDO. Returns its number.
   int AttachHub(int parentHub, int port, int ports, bool busPowered);
   // Queries the bus relations of every started hub, as the PnP manager does after an
