@@ -10,39 +10,16 @@
 #include <wdmsim/usbbus.h>
 #include <wdmsim/usbdevice.h>
 
-#include "usb_bus_requests.h"
+#include "usb_bus_device_fixture.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kNotifyIn = 0x86;
 
-class UsbBusFaultPoints : public ::testing::Test {
+class UsbBusFaultPoints : public usbtest::DemoDeviceOnBus {
  protected:
-  void SetUp() override {
-    firmware = wdmsim::MakeDemoCompositeFirmware();
-    bus = std::make_unique<wdmsim::UsbTestBus>();
-    pdo = bus->Attach(firmware);
-    ASSERT_NE(nullptr, pdo);
-  }
-  void TearDown() override { bus.reset(); }
-
-  NTSTATUS Configure() {
-    usbtest::ConfigurationRequest request(firmware->Description().configurations[0]);
-    NTSTATUS status = usbtest::SubmitUrb(pdo, request.urb());
-    for (size_t i = 0; i < request.count(); ++i) {
-      PUSBD_INTERFACE_INFORMATION info = request.Interface(i);
-      for (ULONG p = 0; p < info->NumberOfPipes; ++p) {
-        if (info->Pipes[p].EndpointAddress == kNotifyIn) notifyPipe = info->Pipes[p].PipeHandle;
-      }
-    }
-    return status;
-  }
-
-  wdmsim::Kernel kernel;
-  std::shared_ptr<wdmsim::UsbFirmware> firmware;
-  std::unique_ptr<wdmsim::UsbTestBus> bus;
-  PDEVICE_OBJECT pdo = nullptr;
+  void ConfigureNotify() { notifyPipe = Configure()[kNotifyIn]; }
   USBD_PIPE_HANDLE notifyPipe = nullptr;
 };
 
@@ -69,12 +46,12 @@ TEST_F(UsbBusFaultPoints, FailUrbFailsTheMatchingFunctionSynchronouslyAndOnlyOnc
   EXPECT_EQ(USBD_STATUS_INSUFFICIENT_RESOURCES, request.urb()->UrbHeader.Status);
   EXPECT_EQ(0, firmware->Configuration());
   EXPECT_EQ(1, wdmsim::UsbFaultHits(wdmsim::UsbFault::FailUrb));
-  EXPECT_EQ(STATUS_SUCCESS, Configure());
+  ConfigureNotify();
   EXPECT_EQ(1, wdmsim::UsbFaultHits(wdmsim::UsbFault::FailUrb));
 }
 
 TEST_F(UsbBusFaultPoints, CompleteLateAddsItsDelayToTheMatchingEndpoint) {
-  ASSERT_EQ(STATUS_SUCCESS, Configure());
+  ConfigureNotify();
   wdmsim::UsbFaultPoint late;
   late.fault = wdmsim::UsbFault::CompleteLate;
   late.endpoint = kNotifyIn;
@@ -93,7 +70,7 @@ TEST_F(UsbBusFaultPoints, CompleteLateAddsItsDelayToTheMatchingEndpoint) {
 }
 
 TEST_F(UsbBusFaultPoints, CompleteAfterCancelDeliversTheResultOfACancelledTransfer) {
-  ASSERT_EQ(STATUS_SUCCESS, Configure());
+  ConfigureNotify();
   wdmsim::UsbFaultPoint late;
   late.fault = wdmsim::UsbFault::CompleteAfterCancel;
   wdmsim::ArmUsbFault(late);
@@ -115,7 +92,7 @@ TEST_F(UsbBusFaultPoints, CompleteAfterCancelDeliversTheResultOfACancelledTransf
 }
 
 TEST_F(UsbBusFaultPoints, DisconnectMidTransferFailsItAndTheHubReportsTheDeviceMissing) {
-  ASSERT_EQ(STATUS_SUCCESS, Configure());
+  ConfigureNotify();
   wdmsim::UsbFaultPoint drop;
   drop.fault = wdmsim::UsbFault::DisconnectMidTransfer;
   drop.urbFunction = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
@@ -128,7 +105,7 @@ TEST_F(UsbBusFaultPoints, DisconnectMidTransferFailsItAndTheHubReportsTheDeviceM
   EXPECT_EQ(1, wdmsim::UsbFaultHits(wdmsim::UsbFault::DisconnectMidTransfer));
   EXPECT_TRUE(firmware->IsDisconnected());
   kernel.RunUntilIdle();
-  EXPECT_EQ(nullptr, wdmsim::GetUsbPortState(bus->RootHub(), 1).pdo);
+  EXPECT_EQ(nullptr, wdmsim::GetUsbPortState(bus->RootHub(), kPort).pdo);
   bus->Enumerate();
   EXPECT_FALSE(wdmsim::IsLiveDeviceObject(pdo));
 }

@@ -13,23 +13,19 @@
 #include <wdmsim/usbbus.h>
 #include <wdmsim/usbdevice.h>
 
-#include "usb_bus_requests.h"
+#include "usb_bus_device_fixture.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kNotifyIn = 0x86;
 
-class UsbBusPortChanges : public ::testing::Test {
+class UsbBusPortChanges : public usbtest::DemoDeviceOnBus {
  protected:
   void SetUp() override {
-    firmware = wdmsim::MakeDemoCompositeFirmware();
-    bus = std::make_unique<wdmsim::UsbTestBus>();
-    pdo = bus->Attach(firmware, 2);
-    ASSERT_NE(nullptr, pdo);
+    DemoDeviceOnBus::SetUp();
     wdmsim::TakeRelationInvalidations();
   }
-  void TearDown() override { bus.reset(); }
 
   bool BusRelationsInvalidated() {
     for (const auto& i : wdmsim::TakeRelationInvalidations()) {
@@ -38,27 +34,11 @@ class UsbBusPortChanges : public ::testing::Test {
     return false;
   }
 
-  USBD_PIPE_HANDLE ConfigureAndFindPipe(uint8_t endpoint) {
-    usbtest::ConfigurationRequest request(firmware->Description().configurations[0]);
-    EXPECT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, request.urb()));
-    for (size_t i = 0; i < request.count(); ++i) {
-      for (ULONG p = 0; p < request.Interface(i)->NumberOfPipes; ++p) {
-        if (request.Interface(i)->Pipes[p].EndpointAddress == endpoint) return request.Interface(i)->Pipes[p].PipeHandle;
-      }
-    }
-    return nullptr;
-  }
-
   NTSTATUS ReadDeviceDescriptor(PDEVICE_OBJECT target) {
     Bytes buffer(18);
     usbtest::Urb urb = usbtest::DescriptorRequest(USB_DEVICE_DESCRIPTOR_TYPE, 0, 0, buffer.data(), 18);
     return usbtest::SubmitUrb(target, urb.get());
   }
-
-  wdmsim::Kernel kernel;
-  std::shared_ptr<wdmsim::UsbFirmware> firmware;
-  std::unique_ptr<wdmsim::UsbTestBus> bus;
-  PDEVICE_OBJECT pdo = nullptr;
 };
 
 TEST_F(UsbBusPortChanges, BusRelationsReferenceEveryPresentPdo) {
@@ -78,20 +58,20 @@ TEST_F(UsbBusPortChanges, BusRelationsReferenceEveryPresentPdo) {
 }
 
 TEST_F(UsbBusPortChanges, UnpluggedDeviceFailsItsTransfersAndGoesWithItsRemoval) {
-  USBD_PIPE_HANDLE pipe = ConfigureAndFindPipe(kNotifyIn);
+  USBD_PIPE_HANDLE pipe = Configure()[kNotifyIn];
   Bytes buffer(4);
   usbtest::Urb read = usbtest::BulkOrInterrupt(pipe, buffer.data(), 4, USBD_SHORT_TRANSFER_OK);
   {
     usbtest::PendingUrb pending(pdo, read.get());
     kernel.RunUntilIdle();
     EXPECT_FALSE(pending.done());
-    wdmsim::UnplugUsbDevice(bus->RootHub(), 2);
+    wdmsim::UnplugUsbDevice(bus->RootHub(), kPort);
     ASSERT_TRUE(pending.done());
     EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, pending.status());
     EXPECT_EQ(USBD_STATUS_DEVICE_GONE, read->UrbHeader.Status);
   }
   EXPECT_TRUE(BusRelationsInvalidated());
-  EXPECT_FALSE(wdmsim::GetUsbPortState(bus->RootHub(), 2).occupied);
+  EXPECT_FALSE(wdmsim::GetUsbPortState(bus->RootHub(), kPort).occupied);
   EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, ReadDeviceDescriptor(pdo));
   ULONG status = 0xFFFFFFFF;
   EXPECT_EQ(STATUS_SUCCESS, usbtest::SendInternal(pdo, IOCTL_INTERNAL_USB_GET_PORT_STATUS, &status));
@@ -104,7 +84,7 @@ TEST_F(UsbBusPortChanges, UnpluggedDeviceFailsItsTransfersAndGoesWithItsRemoval)
 }
 
 TEST_F(UsbBusPortChanges, RemovedPdoThatIsStillReportedStaysAndStartsOver) {
-  USBD_PIPE_HANDLE pipe = ConfigureAndFindPipe(kNotifyIn);
+  USBD_PIPE_HANDLE pipe = Configure()[kNotifyIn];
   ASSERT_EQ(1, firmware->Configuration());
   ASSERT_EQ(STATUS_SUCCESS, wdmsim::SendPnpIrp(pdo, IRP_MN_REMOVE_DEVICE).Status);
   EXPECT_TRUE(wdmsim::IsLiveDeviceObject(pdo));
@@ -117,7 +97,7 @@ TEST_F(UsbBusPortChanges, RemovedPdoThatIsStillReportedStaysAndStartsOver) {
 }
 
 TEST_F(UsbBusPortChanges, PortCycleReplacesThePdoWithOneForTheResetDevice) {
-  ConfigureAndFindPipe(kNotifyIn);
+  Configure()[kNotifyIn];
   ULONG status = 0;
   ASSERT_EQ(STATUS_SUCCESS, usbtest::SendInternal(pdo, IOCTL_INTERNAL_USB_GET_PORT_STATUS, &status));
   EXPECT_EQ(static_cast<ULONG>(USBD_PORT_ENABLED | USBD_PORT_CONNECTED), status);
@@ -126,7 +106,7 @@ TEST_F(UsbBusPortChanges, PortCycleReplacesThePdoWithOneForTheResetDevice) {
   EXPECT_TRUE(BusRelationsInvalidated());
   EXPECT_EQ(0, firmware->Configuration());
   EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, ReadDeviceDescriptor(pdo));
-  PDEVICE_OBJECT fresh = wdmsim::GetUsbPortState(bus->RootHub(), 2).pdo;
+  PDEVICE_OBJECT fresh = wdmsim::GetUsbPortState(bus->RootHub(), kPort).pdo;
   ASSERT_NE(nullptr, fresh);
   EXPECT_NE(pdo, fresh);
 
@@ -142,7 +122,7 @@ TEST_F(UsbBusPortChanges, FirmwareDisconnectAndReconnectReachTheHubThroughAWorke
   firmware->Disconnect();
   kernel.RunUntilIdle();
   EXPECT_TRUE(BusRelationsInvalidated());
-  EXPECT_EQ(nullptr, wdmsim::GetUsbPortState(bus->RootHub(), 2).pdo);
+  EXPECT_EQ(nullptr, wdmsim::GetUsbPortState(bus->RootHub(), kPort).pdo);
   EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, ReadDeviceDescriptor(pdo));
   EXPECT_TRUE(bus->Enumerate().empty());
   EXPECT_FALSE(wdmsim::IsLiveDeviceObject(pdo));

@@ -13,7 +13,7 @@
 #include <wdmsim/usbbus.h>
 #include <wdmsim/usbdevice.h>
 
-#include "usb_bus_requests.h"
+#include "usb_bus_device_fixture.h"
 
 namespace {
 
@@ -21,35 +21,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint8_t kVendorIn = 0x85, kVendorOut = 0x03, kNotifyIn = 0x86;
 
-class UsbBusTransfers : public ::testing::Test {
- protected:
-  void SetUp() override {
-    firmware = wdmsim::MakeDemoCompositeFirmware();
-    bus = std::make_unique<wdmsim::UsbTestBus>();
-    pdo = bus->Attach(firmware);
-    ASSERT_NE(nullptr, pdo);
-  }
-  void TearDown() override { bus.reset(); }
-
-  // Selects configuration index 0 with every interface in setting 0; pipe handles by endpoint.
-  std::map<uint8_t, USBD_PIPE_HANDLE> Configure() {
-    usbtest::ConfigurationRequest request(firmware->Description().configurations[0]);
-    EXPECT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, request.urb()));
-    configuration = request.urb()->UrbSelectConfiguration.ConfigurationHandle;
-    std::map<uint8_t, USBD_PIPE_HANDLE> pipes;
-    for (size_t i = 0; i < request.count(); ++i) {
-      PUSBD_INTERFACE_INFORMATION info = request.Interface(i);
-      for (ULONG p = 0; p < info->NumberOfPipes; ++p) pipes[info->Pipes[p].EndpointAddress] = info->Pipes[p].PipeHandle;
-    }
-    return pipes;
-  }
-
-  wdmsim::Kernel kernel;
-  std::shared_ptr<wdmsim::UsbFirmware> firmware;
-  std::unique_ptr<wdmsim::UsbTestBus> bus;
-  PDEVICE_OBJECT pdo = nullptr;
-  USBD_CONFIGURATION_HANDLE configuration = nullptr;
-};
+using UsbBusTransfers = usbtest::DemoDeviceOnBus;
 
 TEST_F(UsbBusTransfers, DescriptorsArriveAsynchronouslyAtDispatchLevelAndShortReadsGetWhatFits) {
   Bytes device(18, 0xEE);
@@ -183,7 +155,7 @@ TEST_F(UsbBusTransfers, LatencyIsVirtualTimeAndAWaitingReadCanBeCancelledOnce) {
     usbtest::PendingUrb pending(pdo, read.get());
     kernel.Advance(1000);
     EXPECT_FALSE(pending.done());
-    EXPECT_EQ(1u, wdmsim::GetUsbPortState(bus->RootHub(), 1).pendingTransfers);
+    EXPECT_EQ(1u, wdmsim::GetUsbPortState(bus->RootHub(), kPort).pendingTransfers);
     EXPECT_TRUE(pending.Cancel());
     kernel.RunUntilIdle();
     ASSERT_TRUE(pending.done());
