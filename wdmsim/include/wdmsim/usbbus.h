@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <wdmsim/usbdevice.h>  // standard headers before the DDK's, whose macros they would trip on
@@ -113,6 +114,22 @@ void ArmUsbFault(const UsbFaultPoint& point);
 // How often the fault took effect since it was last cleared.
 int UsbFaultHits(UsbFault fault);
 void ClearUsbFaults();
+
+// ---------------------------------------------------------------------------------------
+// A bus under the PnP manager (pnpmanager.h)
+// ---------------------------------------------------------------------------------------
+
+// The hub driver's in-box INF: usbhub for "USB\ROOT_HUB20" and for hubs ("USB\Class_09").
+std::string UsbHubDriverInf();
+// Registers usbhub's image and installs its INF, once per run.
+void InstallUsbHubDriver();
+// Creates a root hub and reports its PDO to the PnP manager as a root device: it loads
+// usbhub, starts the hub and enumerates whatever is attached, now and later. Returns the
+// hub number; WaitForPnpIdle() waits for the enumeration.
+int CreateUsbBusForPnp(int ports = 4);
+// The controller goes: the PnP manager surprise-removes the root hub's tree, then the root
+// hub PDO is deleted.
+void DestroyUsbBusForPnp(int hub);
 
 // ---------------------------------------------------------------------------------------
 // A bus without the PnP manager
