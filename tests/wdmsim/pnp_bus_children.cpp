@@ -161,4 +161,33 @@ TEST_F(PnpBusChildren, AnswersThatBreakTheContractAreReported) {
   wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, bus);
 }
 
+TEST_F(PnpBusChildren, StacksLeftAfterRemoveAndDeletedPdosStillReportedAreReported) {
+  PDEVICE_OBJECT a = Child(u"A");
+  drivers.Behaviour(u"pnpbus").children = {a};
+  wdmsim::DeviceNodeId bus = wdmsim::ReportRootDevice(busPdo);
+  wdmsim::WaitForPnpIdle();
+  {
+    // The child's driver keeps its device object on remove.
+    wdmsim_test::ExpectViolations expect;
+    drivers.Behaviour(u"pnpfunc").keepDeviceOnRemove = true;
+    PDEVICE_OBJECT kept = a->AttachedDevice;
+    ASSERT_NE(kept, nullptr);
+    Report({});
+    EXPECT_EQ(expect.Count("DRIVER_VERIFIER_IOMANAGER_VIOLATION"), 1);
+    EXPECT_EQ(a->AttachedDevice, kept);
+    drivers.DeleteKeptFdo(kept);
+  }
+  {
+    // The bus deletes a PDO it goes on reporting.
+    wdmsim_test::ExpectViolations expect;
+    PDEVICE_OBJECT b = pnptest::CreateDevice(u"WDMSIM\\ORPHAN", {u"WDMSIM\\ORPHAN"}, {}, u"B");
+    Report({b});
+    wdmsim::DeleteRawPdo(b);  // the node's reference keeps the object readable
+    Report({b});
+    EXPECT_EQ(expect.Count("PNP_DETECTED_FATAL_ERROR"), 1);
+    Report({});  // its remove now reaches a PDO whose bus forgot it: reported as well
+  }
+  wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, bus);
+}
+
 }  // namespace

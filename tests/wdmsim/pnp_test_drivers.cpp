@@ -108,6 +108,7 @@ NTSTATUS HandlePnp(const std::u16string& service, PDEVICE_OBJECT fdo, Extension*
     case IRP_MN_REMOVE_DEVICE: {
       irp->IoStatus.Status = STATUS_SUCCESS;
       NTSTATUS status = PassDown(ext, irp);
+      if (behaviour.keepDeviceOnRemove) return status;
       IoDetachDevice(ext->lower);
       IoDeleteDevice(fdo);
       std::lock_guard<std::mutex> guard(gState->lock);
@@ -236,6 +237,15 @@ void TestDrivers::TraceEntries(bool on) {
 int TestDrivers::LiveFdos(const std::u16string& service) {
   std::lock_guard<std::mutex> guard(gState->lock);
   return gState->liveFdos[service];
+}
+
+void TestDrivers::DeleteKeptFdo(PDEVICE_OBJECT fdo) {
+  auto ext = static_cast<Extension*>(fdo->DeviceExtension);
+  std::u16string service = *ext->service;
+  IoDetachDevice(ext->lower);
+  IoDeleteDevice(fdo);
+  std::lock_guard<std::mutex> guard(gState->lock);
+  gState->liveFdos[service]--;
 }
 
 std::string InfFor(const std::string& service, const std::vector<Model>& models, const std::string& hwAddReg) {

@@ -28,6 +28,8 @@ struct DriverBehaviour {
   bool forgetReferences = false;
   // Virtual milliseconds the FDO spends in IRP_MN_START_DEVICE after the lower stack.
   ULONG startDelayMs = 0;
+  // A faulty driver: passes IRP_MN_REMOVE_DEVICE down but keeps its device object.
+  bool keepDeviceOnRemove = false;
 };
 
 // Registers the services' images (one DriverEntry shared by all) and keeps their
@@ -46,6 +48,8 @@ class TestDrivers {
   void TraceEntries(bool on);
   // FDOs of a service still alive.
   int LiveFdos(const std::u16string& service);
+  // Detaches and deletes an FDO the driver kept (keepDeviceOnRemove).
+  void DeleteKeptFdo(PDEVICE_OBJECT fdo);
 };
 
 // INF text with one NTamd64 model per (description, IDs) for service.

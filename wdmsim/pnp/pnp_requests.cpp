@@ -4,6 +4,7 @@
 #include "pnp/pnp_requests.h"
 
 #include <wdmsim/io.h>
+#include <wdmsim/verifier.h>
 
 namespace wdmsim {
 namespace pnp {
@@ -77,7 +78,16 @@ const char* MinorFunctionName(UCHAR minorFunction) {
 }
 
 NTSTATUS SendStateRequest(Node* node, UCHAR minorFunction) {
-  return Send(node, minorFunction, MinorFunctionName(minorFunction)).Status;
+  NTSTATUS status = Send(node, minorFunction, MinorFunctionName(minorFunction)).Status;
+  // After a remove only the bus driver's PDO may be left: every driver above detaches and
+  // deletes its device object while handling it.
+  PDEVICE_OBJECT above = node->info.pdo->AttachedDevice;
+  if (minorFunction == IRP_MN_REMOVE_DEVICE && above != nullptr) {
+    ReportViolation("DRIVER_VERIFIER_IOMANAGER_VIOLATION", above,
+                    "device object %p is still attached above PDO %p after IRP_MN_REMOVE_DEVICE", (void*)above,
+                    (void*)node->info.pdo);
+  }
+  return status;
 }
 
 std::optional<std::u16string> QueryIdString(Node* node, BUS_QUERY_ID_TYPE type) {

@@ -7,6 +7,15 @@
 //
 // Everything here belongs to the running machine: installed INFs, registered images and
 // the device tree are forgotten when the Kernel is destroyed.
+//
+// Verifier reports (PNP_DETECTED_FATAL_ERROR): bus relations that name something that is
+// not a device object, a PDO its driver already deleted, a PDO twice, or a PDO without the
+// reference the answer must carry; invalid characters in IDs; two devices with one
+// instance path; a PDO deleted on IRP_MN_REMOVE_DEVICE while its bus still reports it.
+// DRIVER_VERIFIER_IOMANAGER_VIOLATION: a device object still attached above the PDO after
+// IRP_MN_REMOVE_DEVICE. DRIVER_VERIFIER_DETECTED_VIOLATION: AddDevice returning with
+// DO_DEVICE_INITIALIZING still set. Device and driver objects left at the end of the run
+// are the I/O manager's reports (DEVICE_OBJECT_LEAK, DRIVER_OBJECT_LEAK).
 #pragma once
 #include <cstdint>
 #include <optional>
@@ -151,7 +160,10 @@ void QueuePnpOperation(PnpOperation operation, DeviceNodeId node);
 
 // ---------------------------------------------------------------- inspection
 
+// A deleted node stays readable (state Deleted, out of the tree) until the run ends, so
+// that the requests it saw can be checked after it went.
 std::optional<DeviceNodeInfo> GetDeviceNode(DeviceNodeId node);
+// Nodes in the tree only (0 when none).
 DeviceNodeId FindDeviceNodeByPdo(const DEVICE_OBJECT* pdo);
 DeviceNodeId FindDeviceNodeByInstancePath(const std::u16string& instancePath);
 std::vector<DeviceNodeId> RootDeviceNodes();
