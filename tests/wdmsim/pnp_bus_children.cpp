@@ -15,16 +15,8 @@ namespace {
 using pnptest::Names;
 using wdmsim::DeviceNodeState;
 
-class PnpBusChildren : public ::testing::Test {
+class PnpBusChildren : public pnptest::BusTest {
  protected:
-  void SetUp() override {
-    drivers.Add(u"pnpbus").bus = true;
-    drivers.Add(u"pnpfunc");
-    pnptest::Install("pnpbus", {{"test bus", {"WDMSIM\\BUS"}}});
-    pnptest::Install("pnpfunc", {{"test function", {"WDMSIM\\FUNC"}}});
-    busPdo = pnptest::CreateDevice(u"WDMSIM\\BUS", {u"WDMSIM\\BUS"}, {}, u"1");
-  }
-
   PDEVICE_OBJECT Child(const char16_t* instance, bool withDriver = true) {
     PDEVICE_OBJECT pdo = withDriver ? pnptest::CreateDevice(u"WDMSIM\\FUNC", {u"WDMSIM\\FUNC"}, {}, instance)
                                     : pnptest::CreateDevice(u"WDMSIM\\ORPHAN", {u"WDMSIM\\ORPHAN"}, {}, instance);
@@ -42,12 +34,8 @@ class PnpBusChildren : public ::testing::Test {
 
   void TearDown() override {
     for (PDEVICE_OBJECT pdo : created) wdmsim::DeleteRawPdo(pdo);
-    wdmsim::DeleteRawPdo(busPdo);
   }
 
-  wdmsim::Kernel kernel;
-  pnptest::TestDrivers drivers;
-  PDEVICE_OBJECT busPdo = nullptr;
   std::vector<PDEVICE_OBJECT> created;
 };
 

@@ -11,16 +11,11 @@ namespace {
 using pnptest::Names;
 using wdmsim::DeviceNodeState;
 
-class PnpQueryRemove : public ::testing::Test {
+class PnpQueryRemove : public pnptest::BusTest {
  protected:
   void SetUp() override {
-    drivers.Add(u"pnpbus").bus = true;
-    drivers.Add(u"pnpfunc");
     drivers.Add(u"pnpother");
-    pnptest::Install("pnpbus", {{"test bus", {"WDMSIM\\BUS"}}});
-    pnptest::Install("pnpfunc", {{"test function", {"WDMSIM\\FUNC"}}});
     pnptest::Install("pnpother", {{"other function", {"WDMSIM\\OTHER"}}});
-    busPdo = pnptest::CreateDevice(u"WDMSIM\\BUS", {u"WDMSIM\\BUS"}, {}, u"1");
     funcPdo = pnptest::CreateDevice(u"WDMSIM\\FUNC", {u"WDMSIM\\FUNC"}, {}, u"1");
     otherPdo = pnptest::CreateDevice(u"WDMSIM\\OTHER", {u"WDMSIM\\OTHER"}, {}, u"2");
     drivers.Behaviour(u"pnpbus").children = {funcPdo, otherPdo};
@@ -33,12 +28,8 @@ class PnpQueryRemove : public ::testing::Test {
     wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, bus);
     wdmsim::DeleteRawPdo(funcPdo);
     wdmsim::DeleteRawPdo(otherPdo);
-    wdmsim::DeleteRawPdo(busPdo);
   }
 
-  wdmsim::Kernel kernel;
-  pnptest::TestDrivers drivers;
-  PDEVICE_OBJECT busPdo = nullptr;
   PDEVICE_OBJECT funcPdo = nullptr;
   PDEVICE_OBJECT otherPdo = nullptr;
   wdmsim::DeviceNodeId bus = 0;

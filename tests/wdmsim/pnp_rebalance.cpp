@@ -8,14 +8,9 @@ namespace {
 
 using pnptest::Names;
 
-class PnpRebalance : public ::testing::Test {
+class PnpRebalance : public pnptest::BusTest {
  protected:
   void SetUp() override {
-    drivers.Add(u"pnpbus").bus = true;
-    drivers.Add(u"pnpfunc");
-    pnptest::Install("pnpbus", {{"test bus", {"WDMSIM\\BUS"}}});
-    pnptest::Install("pnpfunc", {{"test function", {"WDMSIM\\FUNC"}}});
-    busPdo = pnptest::CreateDevice(u"WDMSIM\\BUS", {u"WDMSIM\\BUS"}, {}, u"1");
     childPdo = pnptest::CreateDevice(u"WDMSIM\\FUNC", {u"WDMSIM\\FUNC"}, {}, u"1");
     drivers.Behaviour(u"pnpbus").children = {childPdo};
     bus = wdmsim::ReportRootDevice(busPdo);
@@ -27,12 +22,8 @@ class PnpRebalance : public ::testing::Test {
   void TearDown() override {
     wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, bus);
     wdmsim::DeleteRawPdo(childPdo);
-    wdmsim::DeleteRawPdo(busPdo);
   }
 
-  wdmsim::Kernel kernel;
-  pnptest::TestDrivers drivers;
-  PDEVICE_OBJECT busPdo = nullptr;
   PDEVICE_OBJECT childPdo = nullptr;
   wdmsim::DeviceNodeId bus = 0;
   wdmsim::DeviceNodeId child = 0;

@@ -305,4 +305,14 @@ PDEVICE_OBJECT CreateDevice(const std::u16string& deviceId, const std::vector<st
 
 std::vector<std::string> Names(wdmsim::DeviceNodeId node) { return wdmsim::DeviceNodeRequestNames(node); }
 
+BusTest::BusTest() {
+  drivers.Add(u"pnpbus").bus = true;
+  drivers.Add(u"pnpfunc");
+  Install("pnpbus", {{"test bus", {"WDMSIM\\BUS"}}});
+  Install("pnpfunc", {{"test function", {"WDMSIM\\FUNC"}}});
+  busPdo = CreateDevice(u"WDMSIM\\BUS", {u"WDMSIM\\BUS"}, {}, u"1");
+}
+
+BusTest::~BusTest() { wdmsim::DeleteRawPdo(busPdo); }
+
 }  // namespace pnptest

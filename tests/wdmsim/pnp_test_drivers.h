@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <wdm.h>
 
 #include <wdmsim/io.h>
@@ -67,5 +69,17 @@ PDEVICE_OBJECT CreateDevice(const std::u16string& deviceId, const std::vector<st
                             bool uniqueId = false);
 
 std::vector<std::string> Names(wdmsim::DeviceNodeId node);
+
+// A machine with the test bus driver ("pnpbus", bound to WDMSIM\BUS) and the test
+// function driver ("pnpfunc", bound to WDMSIM\FUNC) installed, and a raw PDO for the bus
+// (deleted with the fixture: the test removes the bus's node first).
+class BusTest : public ::testing::Test {
+ protected:
+  BusTest();
+  ~BusTest() override;
+  wdmsim::Kernel kernel;
+  TestDrivers drivers;
+  PDEVICE_OBJECT busPdo = nullptr;
+};
 
 }  // namespace pnptest

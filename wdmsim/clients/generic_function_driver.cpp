@@ -21,6 +21,16 @@ NTSTATUS NTAPI SignalStartDone(PDEVICE_OBJECT, PIRP irp, PVOID context) {
   return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
+// Every request holds the remove lock while it is in this driver; one that arrives after
+// the remove has begun is failed here.
+bool EnterDriver(GenericExtension* ext, PIRP irp, NTSTATUS* status) {
+  *status = IoAcquireRemoveLock(&ext->removeLock, irp);
+  if (NT_SUCCESS(*status)) return true;
+  irp->IoStatus.Status = *status;
+  IoCompleteRequest(irp, IO_NO_INCREMENT);
+  return false;
+}
+
 NTSTATUS PassDown(GenericExtension* ext, PIRP irp) {
   IoSkipCurrentIrpStackLocation(irp);
   NTSTATUS status = IoCallDriver(ext->lowerDevice, irp);
@@ -56,12 +66,8 @@ NTSTATUS RemoveDevice(PDEVICE_OBJECT device, GenericExtension* ext, PIRP irp) {
 
 NTSTATUS NTAPI DispatchPnp(PDEVICE_OBJECT device, PIRP irp) {
   GenericExtension* ext = ExtensionOf(device);
-  NTSTATUS status = IoAcquireRemoveLock(&ext->removeLock, irp);
-  if (!NT_SUCCESS(status)) {
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-  }
+  NTSTATUS status;
+  if (!EnterDriver(ext, irp, &status)) return status;
   switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
     case IRP_MN_START_DEVICE:
       return StartDevice(ext, irp);
@@ -84,12 +90,8 @@ NTSTATUS NTAPI DispatchPnp(PDEVICE_OBJECT device, PIRP irp) {
 NTSTATUS NTAPI DispatchPower(PDEVICE_OBJECT device, PIRP irp) {
   GenericExtension* ext = ExtensionOf(device);
   PoStartNextPowerIrp(irp);
-  NTSTATUS status = IoAcquireRemoveLock(&ext->removeLock, irp);
-  if (!NT_SUCCESS(status)) {
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-  }
+  NTSTATUS status;
+  if (!EnterDriver(ext, irp, &status)) return status;
   IoSkipCurrentIrpStackLocation(irp);
   status = PoCallDriver(ext->lowerDevice, irp);
   IoReleaseRemoveLock(&ext->removeLock, irp);
@@ -98,12 +100,8 @@ NTSTATUS NTAPI DispatchPower(PDEVICE_OBJECT device, PIRP irp) {
 
 NTSTATUS NTAPI DispatchOther(PDEVICE_OBJECT device, PIRP irp) {
   GenericExtension* ext = ExtensionOf(device);
-  NTSTATUS status = IoAcquireRemoveLock(&ext->removeLock, irp);
-  if (!NT_SUCCESS(status)) {
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-  }
+  NTSTATUS status;
+  if (!EnterDriver(ext, irp, &status)) return status;
   return PassDown(ext, irp);
 }
 
