@@ -9,6 +9,7 @@
 
 #include "pnp/device_actions.h"
 #include "pnp/device_identity.h"
+#include "pnp/device_install_hook.h"
 #include "pnp/driver_images.h"
 #include "pnp/driver_store.h"
 #include "pnp/inf_file.h"
@@ -32,6 +33,7 @@ void InstallModel(Node* node, const BoundModel& bound) {
   SetDeviceStringProperty(pdo, DevicePropertyManufacturer, bound.match.manufacturer);
   ApplyRegistryEntries(bound.hardwareKeyAddReg, DeviceHardwareKeyPath(pdo));
   ApplyRegistryEntries(bound.driverKeyAddReg, DeviceDriverKeyPath(pdo));
+  RunDeviceInstallHook(node);
 }
 
 // AddDevice of the function driver; false (node AddFailed) when it cannot be loaded or

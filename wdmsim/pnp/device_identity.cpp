@@ -94,7 +94,8 @@ bool QueryIdentity(Node* node) {
     DeviceNodeInfo& info = node->info;
     info.deviceId = deviceId.value_or(u"");
     info.capabilities = caps;
-    info.instanceId = instanceId.value_or(u"");
+    info.busInstanceId = instanceId.value_or(u"");
+    info.instanceId = info.busInstanceId;
     info.hardwareIds = hardwareIds;
     info.compatibleIds = compatibleIds;
     info.busDescription = description.value_or(u"");

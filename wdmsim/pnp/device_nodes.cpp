@@ -9,6 +9,8 @@
 #include <wdmsim/registry.h>
 #include <wdmsim/verifier.h>
 
+#include "pnp/device_install_hook.h"
+
 #include "pnp/device_tree.h"
 #include "pnp/driver_images.h"
 #include "pnp/driver_store.h"
@@ -64,6 +66,7 @@ void EndOfRun() {
   ForgetDeviceTree();
   ForgetDriverImages();
   ForgetDriverStore();
+  ForgetDeviceInstallHook();
   std::lock_guard<std::mutex> guard(table().lock);
   table().nodes.clear();
   table().invalidations.clear();

@@ -18,6 +18,7 @@
 // are the I/O manager's reports (DEVICE_OBJECT_LEAK, DRIVER_OBJECT_LEAK).
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -110,6 +111,7 @@ struct DeviceNodeInfo {
   std::vector<DeviceNodeId> children;   // in the order of the bus's last answer
   PDEVICE_OBJECT pdo = nullptr;
   std::u16string deviceId;
+  std::u16string busInstanceId;         // the bus's answer to the instance ID query
   std::u16string instanceId;            // as the node keeps it (with a parent prefix when not unique)
   std::u16string instancePath;          // deviceId + "\" + instanceId
   std::vector<std::u16string> hardwareIds;
@@ -129,6 +131,13 @@ struct DeviceNodeInfo {
 // it, binds and loads its driver, starts it and enumerates its children. The PnP manager
 // holds a reference on the PDO until the node is deleted. PASSIVE_LEVEL.
 DeviceNodeId ReportRootDevice(PDEVICE_OBJECT pdo);
+
+// Called on the PnP thread each time a device is bound to a driver, after the INF's
+// registry entries and before AddDevice, with the node and its hardware key path: what a
+// user set in the device's "Device Parameters" earlier takes effect here, as it would for
+// an instance that Windows has seen before. An empty function removes the hook.
+using DeviceInstallHook = std::function<void(const DeviceNodeInfo& node, const std::u16string& hardwareKeyPath)>;
+void SetDeviceInstallHook(DeviceInstallHook hook);
 
 // Waits until the PnP manager has no queued or running work and the machine is idle
 // (relation invalidations that drivers made meanwhile are processed too).
