@@ -61,7 +61,8 @@ std::string FormatText(const SimReport& report) {
     Field(&out, "chosen", "none: the device was left unconfigured");
   }
   Field(&out, "because", d.configurationReason);
-  Field(&out, "start", d.startStatus);
+  Field(&out, "driver", d.driverService.empty() ? "(none)" : d.driverService);
+  Field(&out, "state", d.state.empty() ? d.startStatus : d.state + " (" + d.startStatus + ")");
   Field(&out, "notification", d.notificationInterface
                                   ? Printf("interface %u (FF/01/00), kept by the parent", *d.notificationInterface)
                                   : std::string("none"));
@@ -79,6 +80,7 @@ std::string FormatText(const SimReport& report) {
     ListField(&out, "hardware ids", c.hardwareIds);
     ListField(&out, "compatible ids", c.compatibleIds);
     Field(&out, "instance id", c.instanceId);
+    Field(&out, "instance path", c.instancePath);
     Field(&out, "description", c.description.value_or("(none)"));
     Field(&out, "location", c.location.value_or("(none)"));
     Field(&out, "driver", c.driverService.empty() ? "(none)" : c.driverService);

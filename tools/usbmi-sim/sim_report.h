@@ -19,7 +19,8 @@ struct ChildReport {
   std::string deviceId;
   std::vector<std::string> hardwareIds;
   std::vector<std::string> compatibleIds;
-  std::string instanceId;
+  std::string instanceId;    // as the child reported it
+  std::string instancePath;  // where the PnP manager keeps it
   std::optional<std::string> description;
   std::optional<std::string> location;
   std::vector<uint8_t> configurationDescriptor;  // the child's own configuration set
@@ -38,7 +39,9 @@ struct DeviceReport {
   uint8_t configurationValue = 0;
   uint32_t configurationMaxPowerMa = 0;
   std::string configurationReason;       // why this index
-  std::string startStatus;               // NTSTATUS name of the parent's start
+  std::string driverService;             // the driver the PnP manager bound to the device
+  std::string state;                     // as the PnP manager sees the device
+  std::string startStatus;               // NTSTATUS name of the start (its failure, if any)
   std::optional<uint8_t> notificationInterface;
 };
 
