@@ -1,100 +1,189 @@
-// The lower device: attach/detach, waiting for IRPs with and without time-out, identifier query.
-#include <usbioctl.h>
+// The lower device on a device PDO of the simulated USB hub: attach and detach, waiting for
+// an IRP with and without a time-out (a time-out cancels and still waits for the IRP), the
+// port cycle, the identifier query and device properties.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include <wdmsim/io.h>
-#include <wdmsim/pnp.h>
+#include <wdmsim/usbbus.h>
+#include <wdmsim/usbdevice.h>
 
-#include "usb_stack_double.h"
+#include <usbdlib.h>
+
+#include "support_test_driver.h"
+#include "usb_device_on_bus.h"
 
 namespace {
 
-using kntest::LowerDeviceTest;
-using kntest::UsbStackDouble;
+using Bytes = std::vector<UCHAR>;
 
-TEST_F(LowerDeviceTest, AttachRecordsBothDeviceObjectsAndDetachClearsThem) {
-  EXPECT_EQ(mStack->Pdo(), mLower.GetLowerDeviceObject());
-  EXPECT_EQ(mStack->Pdo(), mLower.GetPhysicalDeviceObject());
-  EXPECT_EQ(mStack->Pdo()->StackSize, mLower.GetStackSize());
-  EXPECT_EQ(mStack->Pdo(), wdmsim::AttachedToDevice(mDevice->GetDeviceObject()));
-  mLower.DetachFromPnpDeviceStack();
-  EXPECT_EQ(nullptr, mLower.GetLowerDeviceObject());
-  EXPECT_EQ(nullptr, mLower.GetPhysicalDeviceObject());
-  mLower.DetachFromPnpDeviceStack();  // a second detach does nothing
+constexpr char16_t kProductText[] = u"Lower device test stick";
+
+wdmsim::UsbDeviceDescription TestStick() {
+  wdmsim::UsbDescriptionBuilder builder(0x4A9B, 0x0071);
+  builder.DeviceClass(0xFF, 0, 0).Product(kProductText).Configuration(1, 0x80, 100).Interface(0, 0, 0xFF, 0, 0);
+  return builder.Build();
 }
 
-// The cycle-port IRP is allocated by the lower device, so every outcome also shows whether it
-// was freed exactly once (the machine's shutdown reports a leaked IRP, the verifier a double free).
-TEST_F(LowerDeviceTest, CallDriverAndWaitReturnsTheIrpStatusWhateverTheLowerDriverDoes) {
+class LowerDeviceOnBus : public kntest::FrameworkTest {
+ protected:
+  void SetUp() override {
+    mDevice = std::make_unique<kntest::UsbDeviceOnBus>(std::make_shared<wdmsim::UsbFirmware>(TestStick()));
+  }
+  void TearDown() override { mDevice.reset(); }
+  uint32_t ElapsedMs(int64_t since) { return static_cast<uint32_t>((mKernel.SystemTime() - since) / 10000); }
+
+  std::unique_ptr<kntest::UsbDeviceOnBus> mDevice;
+};
+
+TEST_F(LowerDeviceOnBus, AttachRecordsBothDeviceObjectsAndDetachClearsThem) {
+  KnPnPLowerDeviceUsb& lower = mDevice->lower;
+  EXPECT_EQ(mDevice->Pdo(), lower.GetLowerDeviceObject());
+  EXPECT_EQ(mDevice->Pdo(), lower.GetPhysicalDeviceObject());
+  EXPECT_EQ(mDevice->Pdo()->StackSize, lower.GetStackSize());
+  EXPECT_EQ(mDevice->Pdo(), wdmsim::AttachedToDevice(mDevice->Device()));
+  lower.DetachFromPnpDeviceStack();
+  EXPECT_EQ(nullptr, lower.GetLowerDeviceObject());
+  EXPECT_EQ(nullptr, lower.GetPhysicalDeviceObject());
+  EXPECT_EQ(nullptr, wdmsim::AttachedToDevice(mDevice->Device()));
+  lower.DetachFromPnpDeviceStack();  // a second detach does nothing
+}
+
+// Every request goes through SubmitUrbAndWait, which allocates the IRP: every row also shows
+// that the IRP was freed exactly once (a leak is left live, a second free is a violation).
+TEST_F(LowerDeviceOnBus, CallDriverAndWaitReturnsOnlyOnceTheIrpIsBack) {
+  enum class Request { DeviceDescriptor, MissingDescriptor, FrameNumber, AbortUnknownPipe };
   struct Case {
-    UsbStackDouble::Mode mode;
-    NTSTATUS stackStatus;
-    uint32_t pendMs;
+    const char* name;
+    Request request;
+    uint32_t latencyMs;  // of the device's control pipe
+    bool held;           // the control pipe NAKs until released
+    bool completeAfterCancel;
     ULONG timeoutMs;
     NTSTATUS expected;
-    int cancels;
+    USBD_STATUS urbStatus;
+    uint32_t elapsedMs;
   } cases[] = {
-      {UsbStackDouble::Mode::Answer, STATUS_SUCCESS, 0, 0, STATUS_SUCCESS, 0},                  // synchronous
-      {UsbStackDouble::Mode::Fail, STATUS_DEVICE_NOT_CONNECTED, 0, 0, STATUS_DEVICE_NOT_CONNECTED, 0},
-      {UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 600000, 0, STATUS_SUCCESS, 0},              // no time-out: waits
-      {UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 999, 1000, STATUS_SUCCESS, 0},              // back just in time
-      {UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 1001, 1000, STATUS_IO_TIMEOUT, 1},          // cancelled
-      {UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 0, 50, STATUS_IO_TIMEOUT, 1},               // held for ever
+      {"answered in the dispatch routine", Request::FrameNumber, 0, false, false, 1000, STATUS_SUCCESS,
+       USBD_STATUS_SUCCESS, 0},
+      {"refused in the dispatch routine", Request::AbortUnknownPipe, 0, false, false, 1000, STATUS_INVALID_PARAMETER,
+       USBD_STATUS_INVALID_PIPE_HANDLE, 0},
+      {"stalled by the device", Request::MissingDescriptor, 0, false, false, 0, STATUS_UNSUCCESSFUL,
+       USBD_STATUS_STALL_PID, 0},
+      {"no time-out waits as long as it takes", Request::DeviceDescriptor, 600000, false, false, 0, STATUS_SUCCESS,
+       USBD_STATUS_SUCCESS, 600000},
+      {"back a millisecond before the time-out", Request::DeviceDescriptor, 999, false, false, 1000, STATUS_SUCCESS,
+       USBD_STATUS_SUCCESS, 999},
+      {"a millisecond too late: cancelled", Request::DeviceDescriptor, 1001, false, false, 1000, STATUS_IO_TIMEOUT,
+       USBD_STATUS_CANCELED, 1000},
+      {"never answered: cancelled", Request::DeviceDescriptor, 0, true, false, 50, STATUS_IO_TIMEOUT,
+       USBD_STATUS_CANCELED, 50},
+      // The answer is on its way when the time-out strikes: the cancel comes too late, the
+      // IRP finishes with success, and the caller still hears of the time-out once it is back.
+      {"finished despite the cancel", Request::DeviceDescriptor, 300, false, true, 100, STATUS_IO_TIMEOUT,
+       USBD_STATUS_SUCCESS, 300},
   };
+  const Bytes& deviceDescriptor = mDevice->firmware().Description().device;
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << "mode " << int(c.mode) << " pend " << c.pendMs << " timeout " << c.timeoutMs);
-    mStack->SetMode(c.mode, c.stackStatus, c.pendMs);
-    int cancelledBefore = mStack->Cancelled();
-    int64_t before = mKernel.SystemTime();
-    EXPECT_EQ(c.expected, mLower.CylePort(c.timeoutMs));
-    EXPECT_EQ(c.cancels, mStack->Cancelled() - cancelledBefore);
-    EXPECT_EQ(0u, wdmsim::LiveIrpCount());
-    if (c.mode == UsbStackDouble::Mode::Pend) {
-      // Waited for the IRP's own completion or for the time-out, never less.
-      uint32_t waitedMs = static_cast<uint32_t>((mKernel.SystemTime() - before) / 10000);
-      uint32_t expectedMs = c.expected == STATUS_IO_TIMEOUT ? c.timeoutMs : c.pendMs;
-      EXPECT_EQ(expectedMs, waitedMs);
+    SCOPED_TRACE(c.name);
+    wdmsim::ClearUsbFaults();
+    mDevice->firmware().SetLatency(0x00, c.latencyMs);
+    mDevice->firmware().SetHeld(0x00, c.held);
+    if (c.completeAfterCancel) {
+      wdmsim::UsbFaultPoint tooLate;
+      tooLate.fault = wdmsim::UsbFault::CompleteAfterCancel;
+      wdmsim::ArmUsbFault(tooLate);
     }
-    auto seen = mStack->TakeRequests();
-    ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ(static_cast<ULONG>(IOCTL_INTERNAL_USB_CYCLE_PORT), seen[0].ioControlCode);
+    URB urb;
+    RtlZeroMemory(&urb, sizeof(urb));
+    Bytes buffer(18, 0xEE);
+    switch (c.request) {
+      case Request::DeviceDescriptor:
+      case Request::MissingDescriptor:
+        UsbBuildGetDescriptorRequest(&urb, sizeof(_URB_CONTROL_DESCRIPTOR_REQUEST),
+                                     c.request == Request::DeviceDescriptor ? USB_DEVICE_DESCRIPTOR_TYPE : 0x06, 0, 0,
+                                     buffer.data(), NULL, 18, NULL);
+        break;
+      case Request::FrameNumber:
+        urb.UrbHeader.Length = sizeof(_URB_GET_CURRENT_FRAME_NUMBER);
+        urb.UrbHeader.Function = URB_FUNCTION_GET_CURRENT_FRAME_NUMBER;
+        break;
+      case Request::AbortUnknownPipe:
+        urb.UrbHeader.Length = sizeof(_URB_PIPE_REQUEST);
+        urb.UrbHeader.Function = URB_FUNCTION_ABORT_PIPE;
+        urb.UrbPipeRequest.PipeHandle = reinterpret_cast<USBD_PIPE_HANDLE>(0x5A5A0);
+        break;
+    }
+    const int64_t start = mKernel.SystemTime();
+    EXPECT_EQ(c.expected, mDevice->lower.SubmitUrbAndWait(&urb, c.timeoutMs));
+    EXPECT_EQ(c.elapsedMs, ElapsedMs(start));
+    EXPECT_EQ(c.urbStatus, urb.UrbHeader.Status);
+    EXPECT_EQ(c.completeAfterCancel ? 1 : 0, wdmsim::UsbFaultHits(wdmsim::UsbFault::CompleteAfterCancel));
+    if (c.request == Request::DeviceDescriptor) {
+      const bool delivered = c.urbStatus == USBD_STATUS_SUCCESS;
+      EXPECT_EQ(delivered ? 18u : 0u, urb.UrbControlDescriptorRequest.TransferBufferLength);
+      if (delivered) {
+        EXPECT_EQ(deviceDescriptor, buffer);
+      }
+    }
+    EXPECT_EQ(0u, wdmsim::LiveIrpCount());
+    EXPECT_EQ(0u, mDevice->PendingTransfers());
   }
+  mDevice->firmware().SetHeld(0x00, false);
 }
 
-TEST_F(LowerDeviceTest, QueryIdKeepsThePresetStatusWhenNobodyAnswersAndHandsOverTheString) {
-  PWCHAR id = reinterpret_cast<PWCHAR>(static_cast<ULONG_PTR>(0x5A5A));
-  // The raw PDO leaves location queries of a device without a location unanswered.
-  EXPECT_EQ(STATUS_NOT_SUPPORTED, mLower.QueryId(BusQueryContainerID, &id));
-  EXPECT_EQ(nullptr, id);
-  EXPECT_NE(std::string::npos, TakeTrace().find("KnTargetDevice::QueryId: IRP failed with status"));
+TEST_F(LowerDeviceOnBus, CylePortMakesTheHubReplugTheDeviceUnderANewPdo) {
+  const PDEVICE_OBJECT before = mDevice->Pdo();
+  const int64_t start = mKernel.SystemTime();
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.CylePort(2500));
+  EXPECT_EQ(0u, ElapsedMs(start));
+  EXPECT_EQ(0u, wdmsim::LiveIrpCount());
+  const PDEVICE_OBJECT after = mDevice->Port().pdo;
+  EXPECT_NE(nullptr, after);
+  EXPECT_NE(before, after);
 
-  ASSERT_EQ(STATUS_SUCCESS, mLower.QueryId(BusQueryDeviceID, &id));
-  ASSERT_NE(nullptr, id);
-  EXPECT_EQ(std::u16string(u"WDMSIM\\RAW"), std::u16string(reinterpret_cast<char16_t*>(id)));
-  ExFreePool(id);
+  // The PDO below us has left the bus: whatever is sent to it fails.
+  TakeTrace();
+  EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, mDevice->lower.CylePort(2500));
+  EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDeviceUsb::CylePort: CallDriverAndWait failed"));
+  USB_DEVICE_DESCRIPTOR descriptor;
+  EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, mDevice->lower.GetDeviceDescriptor(&descriptor, 2500));
   EXPECT_EQ(0u, wdmsim::LiveIrpCount());
 }
 
-TEST_F(LowerDeviceTest, QueryIdWithoutAnIrpReportsInsufficientResources) {
-  PWCHAR id = nullptr;
+TEST_F(LowerDeviceOnBus, QueryIdHandsOverTheHubsStringOrKeepsThePresetStatus) {
+  PWCHAR id = reinterpret_cast<PWCHAR>(static_cast<ULONG_PTR>(0x5A5A));
+  // The hub's PDO leaves container identifiers to the PnP manager.
+  EXPECT_EQ(STATUS_NOT_SUPPORTED, mDevice->lower.QueryId(BusQueryContainerID, &id));
+  EXPECT_EQ(nullptr, id);
+  EXPECT_NE(std::string::npos, TakeTrace().find("KnTargetDevice::QueryId: IRP failed with status"));
+
+  ASSERT_EQ(STATUS_SUCCESS, mDevice->lower.QueryId(BusQueryDeviceID, &id));
+  ASSERT_NE(nullptr, id);
+  EXPECT_EQ(std::u16string(u"USB\\VID_4A9B&PID_0071"), std::u16string(reinterpret_cast<char16_t*>(id)));
+  ExFreePool(id);
+
   wdmsim::FailIrpAllocations(1);
-  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mLower.QueryId(BusQueryDeviceID, &id));
+  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mDevice->lower.QueryId(BusQueryDeviceID, &id));
   EXPECT_EQ(nullptr, id);
   EXPECT_NE(std::string::npos, TakeTrace().find("KnTargetDevice::QueryId: IoBuildSynchronousFsdRequest failed"));
+  EXPECT_EQ(0u, wdmsim::LiveIrpCount());
 }
 
-TEST_F(LowerDeviceTest, GetDevicePropertyPassesBufferTooSmallWithTheNeededLength) {
-  wdmsim::RegisterDeviceNode(mStack->Pdo(), u"USB\\VID_4A9B&PID_0042\\1");
-  wdmsim::SetDeviceStringProperty(mStack->Pdo(), DevicePropertyDeviceDescription, u"wdmsim raw device");
+TEST_F(LowerDeviceOnBus, GetDevicePropertyPassesBufferTooSmallWithTheNeededLength) {
   WCHAR small[2];
   ULONG needed = 0;
-  EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, mLower.GetDeviceProperty(DevicePropertyDeviceDescription, sizeof(small), small,
-                                                              &needed));
-  EXPECT_EQ(sizeof(u"wdmsim raw device"), needed);
-  EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDevice::GetDeviceProperty: IoGetDeviceProperty"));
+  EXPECT_EQ(STATUS_BUFFER_TOO_SMALL,
+            mDevice->lower.GetDeviceProperty(DevicePropertyDeviceDescription, sizeof(small), small, &needed));
+  EXPECT_EQ(sizeof(kProductText), needed);
+  EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDevice::GetDeviceProperty: IoGetDeviceProperty 0 failed"));
   WCHAR large[64];
-  EXPECT_EQ(STATUS_SUCCESS, mLower.GetDeviceProperty(DevicePropertyDeviceDescription, sizeof(large), large, &needed));
-  EXPECT_EQ(std::u16string(u"wdmsim raw device"), std::u16string(reinterpret_cast<char16_t*>(large)));
-  wdmsim::ForgetDeviceNode(mStack->Pdo());
+  EXPECT_EQ(STATUS_SUCCESS,
+            mDevice->lower.GetDeviceProperty(DevicePropertyDeviceDescription, sizeof(large), large, &needed));
+  EXPECT_EQ(std::u16string(kProductText), std::u16string(reinterpret_cast<char16_t*>(large)));
 }
 
 }  // namespace

@@ -1,31 +1,41 @@
-// URB submission: the synchronous path frees its IRP once, the asynchronous path calls the
-// completion routine exactly once, and allocation failures are reported without a call.
+// URB submission on the simulated USB stack: the synchronous path leaves the URB's status to
+// the caller and frees its IRP once; the asynchronous path calls the completion routine
+// exactly once, before returning when the stack answers in its dispatch routine and from the
+// host controller otherwise; allocation failures are reported without a call.
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <wdmsim/io.h>
+#include <wdmsim/usbbus.h>
+#include <wdmsim/usbdevice.h>
+
 #include <usbdlib.h>
 #include <usbioctl.h>
 
-#include <atomic>
-
-#include <wdmsim/io.h>
-
-#include "usb_stack_double.h"
+#include "support_test_driver.h"
+#include "usb_device_on_bus.h"
 
 namespace {
 
-using kntest::LowerDeviceTest;
-using kntest::UsbStackDouble;
-
-struct CompletionRecord {
+struct Completion {
   std::atomic<int> calls{0};
+  KIRQL irql = HIGH_LEVEL;
   NTSTATUS status = STATUS_PENDING;
   KEVENT done;
+  Completion() { KeInitializeEvent(&done, NotificationEvent, FALSE); }
 };
 
-NTSTATUS OnUrbComplete(PDEVICE_OBJECT, PIRP irp, PVOID context) {
-  auto* record = static_cast<CompletionRecord*>(context);
-  record->status = irp->IoStatus.Status;
+NTSTATUS OnSubmitted(PDEVICE_OBJECT, PIRP irp, PVOID context) {
+  auto* completion = static_cast<Completion*>(context);
+  completion->irql = KeGetCurrentIrql();
+  completion->status = irp->IoStatus.Status;
   IoFreeIrp(irp);
-  record->calls++;
-  KeSetEvent(&record->done, IO_NO_INCREMENT, FALSE);
+  ++completion->calls;
+  KeSetEvent(&completion->done, IO_NO_INCREMENT, FALSE);
   return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
@@ -35,80 +45,114 @@ void BuildDeviceDescriptorUrb(URB* urb, USB_DEVICE_DESCRIPTOR* descriptor) {
                                descriptor, NULL, sizeof(*descriptor), NULL);
 }
 
-TEST_F(LowerDeviceTest, SubmitUrbAndWaitLeavesTheUrbStatusToTheCaller) {
+class UrbSubmission : public kntest::FrameworkTest {
+ protected:
+  void SetUp() override { mDevice = std::make_unique<kntest::UsbDeviceOnBus>(wdmsim::MakeDemoCompositeFirmware()); }
+  void TearDown() override { mDevice.reset(); }
+
+  std::unique_ptr<kntest::UsbDeviceOnBus> mDevice;
+};
+
+TEST_F(UrbSubmission, SubmitUrbAndWaitLeavesTheUrbStatusToTheCaller) {
   URB urb;
   USB_DEVICE_DESCRIPTOR descriptor;
   BuildDeviceDescriptorUrb(&urb, &descriptor);
   // A bus error inside a successful IRP: the operation succeeds, the URB tells the story.
-  mStack->SetUrbStatus(USBD_STATUS_STALL_PID);
-  EXPECT_EQ(STATUS_SUCCESS, mLower.SubmitUrbAndWait(&urb, 0));
+  mDevice->FailNext(URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, STATUS_SUCCESS, USBD_STATUS_STALL_PID);
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.SubmitUrbAndWait(&urb, 0));
+  EXPECT_EQ(1, wdmsim::UsbFaultHits(wdmsim::UsbFault::FailUrb));
   EXPECT_EQ(USBD_STATUS_STALL_PID, urb.UrbHeader.Status);
-  EXPECT_EQ(sizeof(descriptor), urb.UrbControlDescriptorRequest.TransferBufferLength);
-  EXPECT_EQ(USB_DEVICE_DESCRIPTOR_TYPE, descriptor.bDescriptorType);
 
-  mStack->SetMode(UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 0);
-  EXPECT_EQ(STATUS_IO_TIMEOUT, mLower.SubmitUrbAndWait(&urb, 1000));
-  EXPECT_EQ(1, mStack->Cancelled());
-  EXPECT_EQ(0u, wdmsim::LiveIrpCount());
+  // A failed IRP is the result, and the caller hears of it.
+  BuildDeviceDescriptorUrb(&urb, &descriptor);
+  mDevice->FailNext(URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, STATUS_DEVICE_DATA_ERROR, USBD_STATUS_DEV_NOT_RESPONDING);
+  TakeTrace();
+  EXPECT_EQ(STATUS_DEVICE_DATA_ERROR, mDevice->lower.SubmitUrbAndWait(&urb, 0));
+  EXPECT_EQ(USBD_STATUS_DEV_NOT_RESPONDING, urb.UrbHeader.Status);
   EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDeviceUsb::SubmitUrbAndWait: CallDriverAndWait failed"));
 
+  BuildDeviceDescriptorUrb(&urb, &descriptor);
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.SubmitUrbAndWait(&urb, 0));
+  EXPECT_EQ(USBD_STATUS_SUCCESS, urb.UrbHeader.Status);
+  EXPECT_EQ(sizeof(descriptor), urb.UrbControlDescriptorRequest.TransferBufferLength);
+  EXPECT_EQ(wdmsim::kDemoVendorId, descriptor.idVendor);
+
+  // No IRP: nothing is sent.
+  mDevice->TakeFunctions();
   wdmsim::FailIrpAllocations(1);
-  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mLower.SubmitUrbAndWait(&urb, 0));
-  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, [&] { wdmsim::FailIrpAllocations(1); return mLower.CylePort(0); }());
+  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mDevice->lower.SubmitUrbAndWait(&urb, 0));
+  wdmsim::FailIrpAllocations(1);
+  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mDevice->lower.CylePort(0));
+  EXPECT_TRUE(mDevice->TakeFunctions().empty());
+  EXPECT_EQ(mDevice->Pdo(), mDevice->Port().pdo);  // the port was not cycled
   std::string trace = TakeTrace();
   EXPECT_NE(std::string::npos, trace.find("KnPnPLowerDeviceUsb::SubmitUrbAndWait: FATAL! IoAllocateIrp failed."));
   EXPECT_NE(std::string::npos, trace.find("KnPnPLowerDeviceUsb::CylePort: FATAL! IoAllocateIrp failed."));
+  EXPECT_EQ(0u, wdmsim::LiveIrpCount());
 }
 
-TEST_F(LowerDeviceTest, SubmitUrbCallsTheCompletionRoutineExactlyOncePerSentIrp) {
+TEST_F(UrbSubmission, SubmitUrbCallsTheCompletionRoutineExactlyOncePerSentIrp) {
+  enum class Answer { InDispatch, RefusedInDispatch, FromHostController };
   struct Case {
-    UsbStackDouble::Mode mode;
-    NTSTATUS stackStatus;
-    uint32_t pendMs;
+    const char* name;
+    Answer answer;
     NTSTATUS returned;
     NTSTATUS completed;
+    KIRQL irql;
   } cases[] = {
-      {UsbStackDouble::Mode::Answer, STATUS_SUCCESS, 0, STATUS_SUCCESS, STATUS_SUCCESS},
-      {UsbStackDouble::Mode::Fail, STATUS_DEVICE_NOT_CONNECTED, 0, STATUS_DEVICE_NOT_CONNECTED,
-       STATUS_DEVICE_NOT_CONNECTED},
-      {UsbStackDouble::Mode::Pend, STATUS_SUCCESS, 20, STATUS_PENDING, STATUS_SUCCESS},
+      // The current frame number needs no bus time: the stack answers at once.
+      {"answered in the dispatch routine", Answer::InDispatch, STATUS_SUCCESS, STATUS_SUCCESS, PASSIVE_LEVEL},
+      // A transfer on a pipe no selection handed out (the device is not even configured).
+      {"refused in the dispatch routine", Answer::RefusedInDispatch, STATUS_INVALID_PARAMETER,
+       STATUS_INVALID_PARAMETER, PASSIVE_LEVEL},
+      {"answered by the host controller", Answer::FromHostController, STATUS_PENDING, STATUS_SUCCESS, DISPATCH_LEVEL},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(int(c.mode));
-    mStack->SetMode(c.mode, c.stackStatus, c.pendMs);
+    SCOPED_TRACE(c.name);
     URB urb;
     USB_DEVICE_DESCRIPTOR descriptor;
     BuildDeviceDescriptorUrb(&urb, &descriptor);
-    CompletionRecord record;
-    KeInitializeEvent(&record.done, NotificationEvent, FALSE);
+    if (c.answer == Answer::InDispatch) {
+      urb.UrbHeader.Length = sizeof(_URB_GET_CURRENT_FRAME_NUMBER);
+      urb.UrbHeader.Function = URB_FUNCTION_GET_CURRENT_FRAME_NUMBER;
+    }
+    if (c.answer == Answer::RefusedInDispatch) {
+      RtlZeroMemory(&urb, sizeof(urb));
+      UsbBuildInterruptOrBulkTransferRequest(&urb, sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER),
+                                             reinterpret_cast<USBD_PIPE_HANDLE>(0x5A5A0), &descriptor, NULL,
+                                             sizeof(descriptor), USBD_SHORT_TRANSFER_OK, NULL);
+    }
+    TakeTrace();
+    Completion completion;
     BOOLEAN willComplete = FALSE;
-    EXPECT_EQ(c.returned, mLower.SubmitUrb(&urb, OnUrbComplete, &record, &willComplete));
+    EXPECT_EQ(c.returned, mDevice->lower.SubmitUrb(&urb, OnSubmitted, &completion, &willComplete));
     EXPECT_TRUE(willComplete);
-    if (c.mode != UsbStackDouble::Mode::Pend) EXPECT_EQ(1, record.calls.load());  // before returning
-    KeWaitForSingleObject(&record.done, Executive, KernelMode, FALSE, NULL);
+    EXPECT_EQ(c.answer == Answer::FromHostController ? 0 : 1, completion.calls.load());  // before returning?
+    EXPECT_EQ(NT_SUCCESS(c.returned), TakeTrace().find("KnPnPLowerDeviceUsb::SubmitUrb: CallDriver failed") ==
+                                          std::string::npos);
+    KeWaitForSingleObject(&completion.done, Executive, KernelMode, FALSE, NULL);
     mKernel.RunUntilIdle();
-    EXPECT_EQ(1, record.calls.load());
-    EXPECT_EQ(c.completed, record.status);
+    EXPECT_EQ(1, completion.calls.load());
+    EXPECT_EQ(c.completed, completion.status);
+    EXPECT_EQ(c.irql, completion.irql);
     EXPECT_EQ(0u, wdmsim::LiveIrpCount());
   }
-  EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDeviceUsb::SubmitUrb: CallDriver failed"));
 }
 
-TEST_F(LowerDeviceTest, SubmitUrbWithoutAnIrpNeverCallsTheCompletionRoutine) {
+TEST_F(UrbSubmission, SubmitUrbWithoutAnIrpNeverCallsTheCompletionRoutine) {
   URB urb;
   USB_DEVICE_DESCRIPTOR descriptor;
   BuildDeviceDescriptorUrb(&urb, &descriptor);
-  CompletionRecord record;
-  KeInitializeEvent(&record.done, NotificationEvent, FALSE);
+  Completion completion;
   BOOLEAN willComplete = TRUE;
   wdmsim::FailIrpAllocations(1);
-  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mLower.SubmitUrb(&urb, OnUrbComplete, &record, &willComplete));
+  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mDevice->lower.SubmitUrb(&urb, OnSubmitted, &completion, &willComplete));
   EXPECT_FALSE(willComplete);
   wdmsim::FailIrpAllocations(1);
-  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mLower.SubmitUrb(&urb, OnUrbComplete, &record, NULL));
+  EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mDevice->lower.SubmitUrb(&urb, OnSubmitted, &completion, NULL));
   mKernel.RunUntilIdle();
-  EXPECT_EQ(0, record.calls.load());
-  EXPECT_TRUE(mStack->TakeRequests().empty());
+  EXPECT_EQ(0, completion.calls.load());
+  EXPECT_TRUE(mDevice->TakeFunctions().empty());
   EXPECT_NE(std::string::npos, TakeTrace().find("KnPnPLowerDeviceUsb::SubmitUrb: FATAL! IoAllocateIrp failed."));
 }
 

@@ -1,92 +1,172 @@
-// Descriptor requests: device descriptor length check, language selection, terminated strings.
+// Descriptor requests against devices on the simulated USB bus: the device descriptor's
+// length check, the language a string is read in, and strings that are always terminated.
+#include <memory>
+#include <string>
 #include <vector>
 
-#include "usb_stack_double.h"
+#include <gtest/gtest.h>
+
+#include <wdmsim/usbdevice.h>
+
+#include <usb200.h>
+
+#include "support_test_driver.h"
+#include "usb_device_on_bus.h"
 
 namespace {
 
-using kntest::LowerDeviceTest;
-using Bytes = std::vector<uint8_t>;
+using Bytes = std::vector<UCHAR>;
 
-const Bytes kLanguages = {6, USB_STRING_DESCRIPTOR_TYPE, 0x09, 0x04, 0x07, 0x04};  // 0x0409, 0x0407
+constexpr char16_t kText[] = u"Composite Device";
 
-Bytes StringDescriptor(const std::u16string& text) {
-  Bytes d = {uint8_t(2 + 2 * text.size()), USB_STRING_DESCRIPTOR_TYPE};
-  for (char16_t c : text) {
-    d.push_back(uint8_t(c));
-    d.push_back(uint8_t(c >> 8));
-  }
-  return d;
-}
+// A device whose string descriptor 0 is only its 2-byte header: a table without a language.
+class EmptyLanguageTable : public wdmsim::UsbFirmware {
+ public:
+  using UsbFirmware::UsbFirmware;
 
-class StringDescriptorTest : public LowerDeviceTest {
  protected:
-  void Serve(Bytes languages, Bytes string) {
-    mStack->SetDescriptorSource([languages, string](uint8_t type, uint8_t index, uint16_t) {
-      if (type != USB_STRING_DESCRIPTOR_TYPE) return Bytes();
-      return index == 0 ? languages : string;
-    });
+  wdmsim::UsbTransferResult OnStandardRequest(const wdmsim::UsbSetupPacket& setup, uint8_t* data) override {
+    if (setup.bRequest == USB_REQUEST_GET_DESCRIPTOR && setup.wValue == USB_STRING_DESCRIPTOR_TYPE << 8) {
+      const Bytes table = {2, USB_STRING_DESCRIPTOR_TYPE};
+      const uint16_t length = setup.wLength < table.size() ? setup.wLength : table.size();
+      std::copy(table.begin(), table.begin() + length, data);
+      return wdmsim::UsbTransferResult::Done(length);
+    }
+    return UsbFirmware::OnStandardRequest(setup, data);
   }
 };
 
-TEST_F(StringDescriptorTest, LanguageIsTheRequestedOneWhenListedElseTheFirst) {
+// kText at index 1 and an empty string at index 2, in every language of the table.
+wdmsim::UsbDeviceDescription Stick(const std::vector<uint16_t>& languages) {
+  wdmsim::UsbDescriptionBuilder builder(0x4A9B, 0x0072);
+  builder.DeviceClass(0xFF, 0, 0).Languages(languages).Product(kText).Manufacturer(u"-");
+  builder.Configuration(1, 0x80, 100).Interface(0, 0, 0xFF, 0, 0);
+  wdmsim::UsbDeviceDescription description = builder.Build();
+  description.SetString(2, u"");
+  return description;
+}
+
+class DescriptorRequests : public kntest::FrameworkTest {
+ protected:
+  void Plug(std::shared_ptr<wdmsim::UsbFirmware> firmware) {
+    mDevice.reset();  // one bus at a time
+    mDevice = std::make_unique<kntest::UsbDeviceOnBus>(std::move(firmware));
+  }
+  void TearDown() override { mDevice.reset(); }
+  // The control requests the device processed since the last call.
+  std::vector<wdmsim::UsbSetupPacket> TakeSetups() {
+    std::vector<wdmsim::UsbSetupPacket> setups;
+    for (const auto& record : mDevice->firmware().TakeControlLog()) setups.push_back(record.setup);
+    return setups;
+  }
+
+  std::unique_ptr<kntest::UsbDeviceOnBus> mDevice;
+};
+
+TEST_F(DescriptorRequests, LanguageIsTheRequestedOneWhenListedElseTheFirst) {
+  enum class Table { GermanAndEnglish, Empty, None };
   struct Case {
-    Bytes languages;
+    const char* name;
+    Table table;
     USHORT requested;
     USHORT used;
   } cases[] = {
-      {kLanguages, 0x0407, 0x0407}, {kLanguages, 0x0409, 0x0409}, {kLanguages, 0, 0x0409},
-      {kLanguages, 0x0411, 0x0409}, {Bytes{2, 3}, 0x0407, 0},  // empty table: language 0
-      {Bytes{}, 0x0407, 0},
+      {"listed second", Table::GermanAndEnglish, 0x0407, 0x0407},
+      {"listed first", Table::GermanAndEnglish, 0x0409, 0x0409},
+      {"language 0: the first", Table::GermanAndEnglish, 0, 0x0409},
+      {"not listed: the first", Table::GermanAndEnglish, 0x0411, 0x0409},
+      {"a table without entries: language 0", Table::Empty, 0x0407, 0},
+      {"no table at all (it stalls): language 0", Table::None, 0x0407, 0},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.requested);
-    Serve(c.languages, StringDescriptor(u"x"));
-    UCHAR buffer[32];
+    SCOPED_TRACE(c.name);
+    switch (c.table) {
+      case Table::GermanAndEnglish:
+        Plug(std::make_shared<wdmsim::UsbFirmware>(Stick({0x0409, 0x0407})));
+        break;
+      case Table::Empty:
+        Plug(std::make_shared<EmptyLanguageTable>(Stick({0x0409})));
+        break;
+      case Table::None:
+        Plug(std::make_shared<wdmsim::UsbFirmware>(Stick({})));
+        break;
+    }
+    TakeSetups();
+    Bytes buffer(64, 0xEE);
     ULONG received = 0;
-    EXPECT_EQ(STATUS_SUCCESS, mLower.GetStringDescriptor(5, c.requested, buffer, sizeof(buffer), &received, 0));
-    EXPECT_EQ(4u, received);
-    auto seen = mStack->TakeRequests();
-    ASSERT_EQ(2u, seen.size());
-    EXPECT_EQ(0, seen[0].index);
-    EXPECT_EQ(c.requested, seen[0].languageId);
-    EXPECT_EQ(5, seen[1].index);
-    EXPECT_EQ(c.used, seen[1].languageId);
+    const NTSTATUS status = mDevice->lower.GetStringDescriptor(1, c.requested, buffer.data(), 64, &received, 2500);
+    const auto setups = TakeSetups();
+    ASSERT_EQ(2u, setups.size());
+    EXPECT_EQ(USB_STRING_DESCRIPTOR_TYPE << 8, setups[0].wValue);  // the table first
+    EXPECT_EQ(c.requested, setups[0].wIndex);
+    EXPECT_EQ((USB_STRING_DESCRIPTOR_TYPE << 8) | 1, setups[1].wValue);
+    EXPECT_EQ(c.used, setups[1].wIndex);
+    EXPECT_EQ(64, setups[1].wLength);
+    if (c.used == 0) {
+      EXPECT_EQ(STATUS_UNSUCCESSFUL, status);  // the device has no strings in language 0
+      continue;
+    }
+    EXPECT_EQ(STATUS_SUCCESS, status);
+    EXPECT_EQ(2 + 2 * std::u16string(kText).size(), received);
+    EXPECT_EQ('C', buffer[2]);
   }
 }
 
-TEST_F(StringDescriptorTest, GetStringIsAlwaysTerminatedWithinTheDestination) {
-  Serve(kLanguages, StringDescriptor(u"Composite Device"));
-  WCHAR destination[8];
-  for (WCHAR& c : destination) c = 0xAAAA;
-  EXPECT_EQ(STATUS_SUCCESS, mLower.GetString(2, 0x0409, destination, sizeof(destination), 0));
-  EXPECT_EQ(std::u16string(u"Composi"), std::u16string(reinterpret_cast<char16_t*>(destination)));
-  EXPECT_EQ(0, destination[7]);
-  auto seen = mStack->TakeRequests();
-  ASSERT_EQ(2u, seen.size());
-  EXPECT_EQ(16u, seen[1].bufferLength);
+TEST_F(DescriptorRequests, GetStringIsAlwaysTerminatedWithinTheDestination) {
+  Plug(std::make_shared<wdmsim::UsbFirmware>(Stick({0x0409})));
+  TakeSetups();
+  WCHAR small[8];
+  for (WCHAR& c : small) c = 0xAAAA;
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.GetString(1, 0x0409, small, sizeof(small), 2500));
+  EXPECT_EQ(std::u16string(u"Composi"), std::u16string(reinterpret_cast<char16_t*>(small)));
+  EXPECT_EQ(0, small[7]);
+  auto setups = TakeSetups();
+  ASSERT_EQ(2u, setups.size());
+  EXPECT_EQ(16, setups[1].wLength);
 
   WCHAR large[200];
-  EXPECT_EQ(STATUS_SUCCESS, mLower.GetString(2, 0x0409, large, sizeof(large), 0));
-  EXPECT_EQ(std::u16string(u"Composite Device"), std::u16string(reinterpret_cast<char16_t*>(large)));
-  EXPECT_EQ(255u, mStack->TakeRequests()[1].bufferLength);
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.GetString(1, 0x0409, large, sizeof(large), 2500));
+  EXPECT_EQ(std::u16string(kText), std::u16string(reinterpret_cast<char16_t*>(large)));
+  setups = TakeSetups();
+  ASSERT_EQ(2u, setups.size());
+  EXPECT_EQ(255, setups[1].wLength);
 
-  Serve(kLanguages, Bytes{2, USB_STRING_DESCRIPTOR_TYPE});
-  for (WCHAR& c : destination) c = 0xAAAA;
-  EXPECT_EQ(STATUS_SUCCESS, mLower.GetString(2, 0x0409, destination, sizeof(destination), 0));
-  for (WCHAR c : destination) EXPECT_EQ(0, c);
+  // Only the 2 header bytes: an empty string, and success.
+  for (WCHAR& c : small) c = 0xAAAA;
+  EXPECT_EQ(STATUS_SUCCESS, mDevice->lower.GetString(2, 0x0409, small, sizeof(small), 2500));
+  for (WCHAR c : small) EXPECT_EQ(0, c);
+
+  // A string the device lacks stalls: the caller hears of it and gets an empty string.
+  for (WCHAR& c : small) c = 0xAAAA;
+  TakeTrace();
+  EXPECT_EQ(STATUS_UNSUCCESSFUL, mDevice->lower.GetString(0xEE, 0x0409, small, sizeof(small), 2500));
+  EXPECT_NE(std::string::npos, TakeTrace().find("SubmitUrbAndWait: CallDriverAndWait failed"));
+  for (WCHAR c : small) EXPECT_EQ(0, c);
 }
 
-TEST_F(StringDescriptorTest, DeviceDescriptorMustBeExactlyEighteenBytes) {
-  USB_DEVICE_DESCRIPTOR descriptor;
-  mStack->SetDescriptorSource([](uint8_t, uint8_t, uint16_t) { return Bytes(18, 0x12); });
-  EXPECT_EQ(STATUS_SUCCESS, mLower.GetDeviceDescriptor(&descriptor, 0));
-  mStack->SetDescriptorSource([](uint8_t, uint8_t, uint16_t) { return Bytes(17, 0x12); });
-  EXPECT_EQ(STATUS_UNSUCCESSFUL, mLower.GetDeviceDescriptor(&descriptor, 0));
-  auto seen = mStack->TakeRequests();
-  ASSERT_EQ(2u, seen.size());
-  EXPECT_EQ(USB_DEVICE_DESCRIPTOR_TYPE, seen[1].descriptorType);
-  EXPECT_EQ(18u, seen[1].bufferLength);
+TEST_F(DescriptorRequests, DeviceDescriptorMustBeExactlyEighteenBytes) {
+  const Bytes device = Stick({0x0409}).device;
+  const Bytes set = Stick({0x0409}).configurations[0];
+  struct Case {
+    size_t length;  // of the device descriptor the device holds
+    NTSTATUS expected;
+  } cases[] = {{17, STATUS_UNSUCCESSFUL}, {18, STATUS_SUCCESS}, {19, STATUS_SUCCESS}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.length);
+    Bytes held = device;
+    held.resize(c.length, 0x5A);
+    Plug(std::make_shared<wdmsim::UsbFirmware>(wdmsim::UsbDescriptionFromRaw(held, {set})));
+    TakeSetups();
+    USB_DEVICE_DESCRIPTOR descriptor;
+    EXPECT_EQ(c.expected, mDevice->lower.GetDeviceDescriptor(&descriptor, 2500));
+    const auto setups = TakeSetups();
+    ASSERT_EQ(1u, setups.size());
+    EXPECT_EQ(USB_DEVICE_DESCRIPTOR_TYPE << 8, setups[0].wValue);
+    EXPECT_EQ(18, setups[0].wLength);
+    if (c.expected == STATUS_SUCCESS) {
+      EXPECT_EQ(0x0072, descriptor.idProduct);
+    }
+  }
 }
 
 }  // namespace

@@ -19,6 +19,19 @@ namespace {
 
 constexpr ULONG kUsbcTag = 0x43425355;
 
+struct ReadRecord {
+  int calls = 0;
+  LONG status = 0x12345678;
+  ULONG length = 0xFFFFFFFF;
+};
+
+void OnRead(PVOID context, LONG status, PVOID, ULONG length) {
+  auto* record = static_cast<ReadRecord*>(context);
+  ++record->calls;
+  record->status = status;
+  record->length = length;
+}
+
 std::vector<UCHAR> CompositeSet(UCHAR numInterfaces) {
   std::vector<UCHAR> set = {
       9, 0x02, 0, 0, numInterfaces, 7, 0, 0x80, 50,
@@ -69,6 +82,7 @@ class UsbConfigurationTest : public kntest::FrameworkTest {
   std::unique_ptr<kntest::UsbDeviceOnBus> mStack;
   KnUsbConfiguration mConfiguration;
   KnUsbConfigurationDesc mHolder;
+  ReadRecord mRead;
 };
 
 TEST_F(UsbConfigurationTest, NonContiguousInterfacesAreSelectedWithDistinctHandles) {
@@ -175,6 +189,7 @@ TEST_F(UsbConfigurationTest, AlternateSettingReplacesTheInterfaceObject) {
 
   ASSERT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 0, 1, 512, 2500), STATUS_SUCCESS);
   EXPECT_EQ(mStack->TakeFunctions(), std::vector<USHORT>{URB_FUNCTION_SELECT_INTERFACE});
+  EXPECT_EQ(mStack->firmware().AlternateSetting(0), 1);
   KnUsbInterface* switched = mConfiguration.FindInterface(0, 0xFFFF, 0xFFFF, 0xFFFF);
   ASSERT_NE(switched, nullptr);
   EXPECT_EQ(switched->mInterfaceInformation.AlternateSetting, 1);
@@ -188,9 +203,19 @@ TEST_F(UsbConfigurationTest, AlternateSettingReplacesTheInterfaceObject) {
   EXPECT_FALSE(mStack->IsValidPipe(oldHandle));
   EXPECT_EQ(Numbers(), (std::vector<UCHAR>{0, 1, 3}));
   EXPECT_EQ(Head(), 1);  // the new object joined at the end
+  // The new setting's pipe carries the device's data.
+  UCHAR buffer[8] = {};
+  EXPECT_EQ(interrupt->Read(buffer, sizeof(buffer), OnRead, &mRead, NULL), STATUS_PENDING);
+  mStack->Send(0x83, {0xC0, 0xFF, 0xEE});
+  EXPECT_EQ(mRead.calls, 1);
+  EXPECT_EQ(mRead.status, static_cast<LONG>(USBD_STATUS_SUCCESS));
+  EXPECT_EQ(mRead.length, 3u);
+  EXPECT_EQ(buffer[2], 0xEE);
+  mStack->TakeFunctions();
 
   // An alternate setting without endpoints.
   ASSERT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 1, 1, 4096, 2500), STATUS_SUCCESS);
+  EXPECT_EQ(mStack->firmware().AlternateSetting(1), 1);
   KnUsbInterface* empty = mConfiguration.FindInterface(1, 0xFFFF, 0xFFFF, 0xFFFF);
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(empty->mInterfaceInformation.NumberOfPipes, 0u);

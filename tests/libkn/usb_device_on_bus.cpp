@@ -54,9 +54,7 @@ void UsbDeviceOnBus::FailNext(USHORT function, NTSTATUS irpStatus, USBD_STATUS u
   wdmsim::ArmUsbFault(point);
 }
 
-size_t UsbDeviceOnBus::PendingTransfers() const {
-  return wdmsim::GetUsbPortState(mBus->RootHub(), 1).pendingTransfers;
-}
+wdmsim::UsbPortState UsbDeviceOnBus::Port() const { return wdmsim::GetUsbPortState(mBus->RootHub(), 1); }
 
 void UsbDeviceOnBus::Send(UCHAR endpoint, const std::vector<UCHAR>& data) {
   mFirmware->QueueInData(endpoint, data);

@@ -26,13 +26,16 @@ class UsbDeviceOnBus {
   KnPnPLowerDeviceUsb lower;
   wdmsim::UsbFirmware& firmware() { return *mFirmware; }
   PDEVICE_OBJECT Pdo() const { return mPdo; }
+  PDEVICE_OBJECT Device() const { return mDevice; }  // ours, attached to Pdo() through `lower`
+  // The port the device is plugged into, as the hub sees it now.
+  wdmsim::UsbPortState Port() const;
   const UCHAR* Set() const { return mSet.data(); }
 
   // URB functions the device PDO received, oldest first.
   std::vector<USHORT> TakeFunctions() { return wdmsim::TakeUsbUrbLog(mPdo); }
   // The next URB of that function fails with these statuses in the stack's dispatch routine.
   void FailNext(USHORT function, NTSTATUS irpStatus, USBD_STATUS urbStatus);
-  size_t PendingTransfers() const;
+  size_t PendingTransfers() const { return Port().pendingTransfers; }
   // The device sends data on the endpoint; the host controller delivers it before this returns.
   void Send(UCHAR endpoint, const std::vector<UCHAR>& data);
   bool IsValidPipe(USBD_PIPE_HANDLE handle) const { return wdmsim::IsCurrentUsbPipeHandle(mPdo, handle); }

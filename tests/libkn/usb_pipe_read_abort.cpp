@@ -8,6 +8,7 @@
 
 #include <wdmsim/io.h>
 #include <wdmsim/pool.h>
+#include <wdmsim/usbbus.h>
 
 #include "knusbconfiguration.h"
 #include "knusbconfigurationdesc.h"
@@ -180,6 +181,20 @@ TEST_F(UsbPipeTest, ResetAndAbortReachTheStackAndStaleHandlesAreRefused) {
   EXPECT_EQ(stale->ResetPipe(2500), STATUS_INVALID_PARAMETER);
   EXPECT_NE(TakeTrace().find(" ResetPipe failed c000000d"), std::string::npos);
   EXPECT_EQ(fresh->ResetPipe(2500), STATUS_SUCCESS);
+  // A read on the stale handle is refused before the device sees it: its data stays queued
+  // for the read on the fresh one.
+  mStack->firmware().QueueInData(0x81, {0x42});
+  UCHAR buffer[8];
+  ReadRecord record;
+  EXPECT_EQ(stale->Read(buffer, 8, OnRead, &record, NULL), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(record.calls, 1);
+  EXPECT_EQ(record.status, static_cast<LONG>(USBD_STATUS_INVALID_PIPE_HANDLE));
+  EXPECT_EQ(mStack->firmware().QueuedInChunks(0x81), 1u);
+  EXPECT_EQ(fresh->Read(buffer, 8, OnRead, &record, NULL), STATUS_PENDING);
+  mKernel.RunUntilIdle();
+  EXPECT_EQ(record.calls, 2);
+  EXPECT_EQ(record.status, static_cast<LONG>(USBD_STATUS_SUCCESS));
+  EXPECT_EQ(buffer[0], 0x42);
 
   mStack->FailNext(URB_FUNCTION_ABORT_PIPE, STATUS_IO_TIMEOUT, USBD_STATUS_SUCCESS);
   TakeTrace();
@@ -188,6 +203,27 @@ TEST_F(UsbPipeTest, ResetAndAbortReachTheStackAndStaleHandlesAreRefused) {
   mStack->FailNext(URB_FUNCTION_RESET_PIPE, STATUS_IO_TIMEOUT, USBD_STATUS_SUCCESS);
   EXPECT_EQ(fresh->ResetPipe(1000), STATUS_IO_TIMEOUT);
   EXPECT_NE(TakeTrace().find(" ResetPipe failed c00000b5"), std::string::npos);
+}
+
+TEST_F(UsbPipeTest, DeviceDroppingOffMidReadFailsTheReadWithDeviceGone) {
+  wdmsim::UsbFaultPoint drop;
+  drop.fault = wdmsim::UsbFault::DisconnectMidTransfer;
+  drop.endpoint = 0x82;
+  wdmsim::ArmUsbFault(drop);
+  UCHAR buffer[8];
+  ReadRecord record;
+  BOOLEAN submitted = FALSE;
+  EXPECT_EQ(mInterrupt->Read(buffer, 8, OnRead, &record, &submitted), STATUS_PENDING);
+  EXPECT_TRUE(submitted);
+  mKernel.RunUntilIdle();
+  EXPECT_EQ(wdmsim::UsbFaultHits(wdmsim::UsbFault::DisconnectMidTransfer), 1);
+  EXPECT_EQ(record.calls, 1);
+  EXPECT_EQ(record.status, static_cast<LONG>(USBD_STATUS_DEVICE_GONE));
+  EXPECT_EQ(wdmsim::LivePoolBlockCount(kUsbtTag), 0u);
+  // Every request after that fails as well.
+  EXPECT_EQ(mInterrupt->ResetPipe(2500), STATUS_DEVICE_NOT_CONNECTED);
+  EXPECT_EQ(mBulk->Read(buffer, 8, OnRead, &record, NULL), STATUS_DEVICE_NOT_CONNECTED);
+  EXPECT_EQ(record.calls, 2);
 }
 
 }  // namespace
