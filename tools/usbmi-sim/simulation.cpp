@@ -146,8 +146,9 @@ LoadResult LoadSimDevice(const SimOptions& options) {
 
 SimReport RunSimulation(const SimOptions& options, const SimDevice& device) {
   SimReport report;
-  // Violations are gathered, not fatal: the verdict is part of the report.
-  wdmsim::SetViolationHandler([](const wdmsim::Violation&) {});
+  // Every violation is recorded (and passed to whatever handler the caller installed);
+  // the recorded ones are the verdict.
+  wdmsim::TakeViolations();
   {
     SimMachine machine(options);
     for (const RegistrySetting& s : options.settings) {
@@ -170,7 +171,6 @@ SimReport RunSimulation(const SimOptions& options, const SimDevice& device) {
     if (options.traceMask) report.trace = trace;
   }
   for (const wdmsim::Violation& v : wdmsim::TakeViolations()) report.violations.push_back(v.bugcheck + ": " + v.message);
-  wdmsim::SetViolationHandler(nullptr);
   return report;
 }
 
