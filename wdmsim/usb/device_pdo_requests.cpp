@@ -144,7 +144,9 @@ NTSTATUS DevicePdo::PipeRequest(PIRP irp, PURB urb) {
   return mEngine.Submit(std::move(transfer));
 }
 
-// Direction comes from the pipe, not from the client's flags, as the stack does it.
+// Direction comes from the pipe, not from the client's flags, as the stack does it. The
+// controller is an EHCI one, which ignores USBD_SHORT_TRANSFER_OK on bulk and interrupt
+// pipes: a short packet ends the transfer without an error, whatever the flag says.
 NTSTATUS DevicePdo::DataTransfer(PIRP irp, PURB urb) {
   auto& request = urb->UrbBulkOrInterruptTransfer;
   if (urb->UrbHeader.Length < sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER)) {
@@ -173,7 +175,6 @@ NTSTATUS DevicePdo::DataTransfer(PIRP irp, PURB urb) {
   } else {
     request.TransferFlags &= ~USBD_TRANSFER_DIRECTION_IN;
   }
-  transfer->shortOk = (request.TransferFlags & USBD_SHORT_TRANSFER_OK) != 0;
   transfer->length = request.TransferBufferLength;
   transfer->buffer = TransferBufferOf(request.TransferBuffer, request.TransferBufferMDL);
   if (transfer->length > 0 && transfer->buffer == nullptr) return CompleteUrb(irp, urb, USBD_STATUS_INVALID_PARAMETER);

@@ -364,9 +364,6 @@ void TransferEngine::Finish(Transfer* transfer) {
     switch (transfer->result.outcome) {
       case UsbOutcome::Completed:
         length = transfer->result.length;
-        if (!transfer->control && transfer->in && length < transfer->length && !transfer->shortOk) {
-          status = USBD_STATUS_ERROR_SHORT_TRANSFER;
-        }
         break;
       case UsbOutcome::Stalled:
         status = USBD_STATUS_STALL_PID;

@@ -41,7 +41,6 @@ struct Transfer {
   uint8_t* buffer = nullptr;
   uint32_t length = 0;
   bool in = false;
-  bool shortOk = true;
   uint8_t target = 0xFF;  // ResetPipe: the endpoint whose host halt is lifted (0xFF: none)
 
   // Engine state, under the bus lock.
