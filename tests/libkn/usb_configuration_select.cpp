@@ -45,6 +45,7 @@ std::vector<UCHAR> CompositeSet(UCHAR numInterfaces) {
       9, 0x04, 3, 0, 2, 0x0A, 0x00, 0x00, 0,  // interface 3: bulk IN, interrupt IN
       7, 0x05, 0x84, 0x02, 0x40, 0x00, 0,
       7, 0x05, 0x85, 0x03, 0x10, 0x00, 4,
+      9, 0x04, 3, 2, 0, 0x0A, 0x00, 0x00, 0,  // interface 3 alt 2: no endpoints (zero bandwidth)
   };
   set[2] = static_cast<UCHAR>(set.size());
   return set;
@@ -213,21 +214,27 @@ TEST_F(UsbConfigurationTest, AlternateSettingReplacesTheInterfaceObject) {
   EXPECT_EQ(buffer[2], 0xEE);
   mStack->TakeFunctions();
 
-  // An alternate setting without endpoints.
-  ASSERT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 1, 1, 4096, 2500), STATUS_SUCCESS);
-  EXPECT_EQ(mStack->firmware().AlternateSetting(1), 1);
-  KnUsbInterface* empty = mConfiguration.FindInterface(1, 0xFFFF, 0xFFFF, 0xFFFF);
+  // From a setting with two pipes to one without endpoints: the old pipes close on both sides.
+  const USBD_PIPE_HANDLE oldThird =
+      mConfiguration.FindInterface(3, 0xFFFF, 0xFFFF, 0xFFFF)->FindPipe(NULL, 0x80, 2)->GetPipeHandle();
+  ASSERT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 3, 2, 4096, 2500), STATUS_SUCCESS);
+  EXPECT_EQ(mStack->TakeFunctions(), std::vector<USHORT>{URB_FUNCTION_SELECT_INTERFACE});
+  EXPECT_EQ(mStack->firmware().AlternateSetting(3), 2);
+  EXPECT_FALSE(mStack->firmware().IsEndpointActive(0x84));
+  EXPECT_FALSE(mStack->IsValidPipe(oldThird));
+  KnUsbInterface* empty = mConfiguration.FindInterface(3, 0xFFFF, 0xFFFF, 0xFFFF);
   ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty->mInterfaceInformation.AlternateSetting, 2);
   EXPECT_EQ(empty->mInterfaceInformation.NumberOfPipes, 0u);
   EXPECT_EQ(empty->FindPipe(NULL, 0xFFFFFFFF, 0xFFFFFFFF), nullptr);
+  EXPECT_EQ(mConfiguration.FindPipeByHandle(oldThird), nullptr);
 
   // Unknown settings are refused before anything is removed.
-  mStack->TakeFunctions();
   EXPECT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 3, 1, 4096, 2500), STATUS_INVALID_PARAMETER);
   EXPECT_EQ(mConfiguration.SetAlternateSetting(&mHolder, 2, 0, 4096, 2500), STATUS_INVALID_PARAMETER);
   EXPECT_TRUE(mStack->TakeFunctions().empty());
   EXPECT_EQ(Numbers(), (std::vector<UCHAR>{0, 1, 3}));
-  EXPECT_EQ(Head(), 3);
+  EXPECT_EQ(Head(), 1);
 
   // A switch the stack refuses leaves the interface without an object.
   mStack->FailNext(URB_FUNCTION_SELECT_INTERFACE, STATUS_UNSUCCESSFUL, USBD_STATUS_INVALID_PARAMETER);
