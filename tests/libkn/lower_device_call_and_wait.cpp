@@ -156,7 +156,7 @@ TEST_F(LowerDeviceOnBus, CylePortMakesTheHubReplugTheDeviceUnderANewPdo) {
 
 TEST_F(LowerDeviceOnBus, QueryIdHandsOverTheHubsStringOrKeepsThePresetStatus) {
   PWCHAR id = reinterpret_cast<PWCHAR>(static_cast<ULONG_PTR>(0x5A5A));
-  // The hub's PDO leaves container identifiers to the PnP manager.
+  // The stick has no container ID of its own: the hub's PDO leaves that query to the PnP manager.
   EXPECT_EQ(STATUS_NOT_SUPPORTED, mDevice->lower.QueryId(BusQueryContainerID, &id));
   EXPECT_EQ(nullptr, id);
   EXPECT_NE(std::string::npos, TakeTrace().find("KnTargetDevice::QueryId: IRP failed with status"));
