@@ -113,9 +113,10 @@ SimMachine::SimMachine(const SimOptions& options) : mKernel(new wdmsim::Kernel(K
 
   // The user's settings live in the hardware key of every device instance usbmi serves.
   std::vector<RegistrySetting> settings = options.settings;
-  wdmsim::SetDeviceInstallHook([settings](const wdmsim::DeviceNodeInfo& node, const std::u16string& key) {
+  wdmsim::SetDeviceInstallHook([this, settings](const wdmsim::DeviceNodeInfo& node, const std::u16string& key) {
     if (node.service != kUsbmiService) return;
     for (const RegistrySetting& setting : settings) WriteSetting(key, setting);
+    if (mInstallAction) mInstallAction(node);
   });
 
   mRootHub = wdmsim::CreateUsbBusForPnp();

@@ -3,6 +3,7 @@
 // and a USB root hub (with an external hub on its first port when asked). Devices plugged
 // in arrive through the PnP manager, which binds usbmi to them through the INF.
 #pragma once
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,6 +45,13 @@ class SimMachine {
   int Port() const { return mPort; }
   // The device's node; 0 before Plug.
   wdmsim::DeviceNodeId DeviceNode() const;
+
+  // Runs on the PnP thread each time a device is bound to usbmi, after the settings were
+  // written and before AddDevice: the moment to arm a fault that only the driver's own
+  // requests should meet. Set it while the PnP manager is idle; an empty one removes it.
+  using InstallAction = std::function<void(const wdmsim::DeviceNodeInfo& node)>;
+  void SetUsbmiInstallAction(InstallAction action) { mInstallAction = std::move(action); }
+
   // What the driver printed since the last call (memory sink).
   std::string TakeTrace();
 
@@ -52,6 +60,7 @@ class SimMachine {
   int mRootHub = 0;
   int mHub = 0;
   int mPort = 0;
+  InstallAction mInstallAction;
 };
 
 // The driver's INF as shipped in win/, built into the tool.
