@@ -88,7 +88,16 @@ std::vector<std::string> CompositeDeviceUnderPnp::NewRequests(wdmsim::DeviceNode
   return fresh;
 }
 
-std::vector<USHORT> CompositeDeviceUnderPnp::TakeUrbs() { return wdmsim::TakeUsbUrbLog(mParentPdo); }
+std::vector<uint16_t> CompositeDeviceUnderPnp::TakeSetConfigurations() {
+  const uint8_t kSetConfiguration = 9;
+  std::vector<uint16_t> values;
+  for (const wdmsim::UsbControlRecord& record : mFirmware->TakeControlLog()) {
+    if (record.setup.bmRequestType == 0x00 && record.setup.bRequest == kSetConfiguration) {
+      values.push_back(record.setup.wValue);
+    }
+  }
+  return values;
+}
 
 std::vector<std::string> ArrivalRequests(const std::string& service) {
   return {"QUERY_ID DeviceID",

@@ -51,8 +51,8 @@ class CompositeDeviceUnderPnp : public testing::Test {
   std::vector<PDEVICE_OBJECT> UsbmiChildPdos() const;
   // Requests the node saw since the last call for it (all of them the first time).
   std::vector<std::string> NewRequests(wdmsim::DeviceNodeId node);
-  // URB functions the plugged device received since the last call.
-  std::vector<USHORT> TakeUrbs();
+  // The wValue of every SET_CONFIGURATION the device received since the last call.
+  std::vector<uint16_t> TakeSetConfigurations();
   std::string TakeTrace() { return mMachine->TakeTrace(); }
 
   std::unique_ptr<usbmisim::SimMachine> mMachine;

@@ -1,0 +1,64 @@
+// Rebalance: the PnP manager stops the running parent and starts it again. The stop
+// unconfigures the device and marks the children absent; the restart configures it again
+// and creates the children anew, so the relations answer after the restart reports new PDOs
+// and leaves the old ones out. The old children, reported missing, are surprise-removed and
+// deleted by their own removal; the new ones get nodes and drivers of their own.
+#include "composite_device_under_pnp.h"
+
+#include <algorithm>
+
+namespace scenario {
+namespace {
+
+using wdmsim::DeviceNodeInfo;
+using wdmsim::DeviceNodeState;
+
+TEST_F(CompositeDeviceUnderPnp, RebalanceReplacesEveryChildWithAFreshOne) {
+  Plug();
+  std::vector<DeviceNodeInfo> before = Children();
+  ASSERT_EQ(3u, before.size());
+  NewRequests(ParentNode());
+  for (const DeviceNodeInfo& child : before) NewRequests(child.id);
+  TakeSetConfigurations();
+  TakeTrace();
+
+  RunOperation(wdmsim::PnpOperation::Rebalance, ParentNode());
+
+  std::vector<std::string> expected = {"QUERY_STOP_DEVICE", "STOP_DEVICE", "START_DEVICE"};
+  for (const std::string& request : AfterStartRequests()) expected.push_back(request);
+  EXPECT_EQ(expected, NewRequests(ParentNode()));
+  EXPECT_EQ(DeviceNodeState::Started, Node(ParentNode()).state);
+  EXPECT_EQ((std::vector<uint16_t>{0, 1}), TakeSetConfigurations());
+
+  for (const DeviceNodeInfo& old : before) {
+    EXPECT_EQ((std::vector<std::string>{"SURPRISE_REMOVAL", "REMOVE_DEVICE"}), NewRequests(old.id));
+    EXPECT_EQ(DeviceNodeState::Deleted, Node(old.id).state);
+  }
+  const std::string trace = TakeTrace();
+  EXPECT_EQ(3, CountOf(trace, kChildDeletedOnItsRemoval)) << trace;
+
+  std::vector<DeviceNodeInfo> after = Children();
+  ASSERT_EQ(before.size(), after.size());
+  std::vector<PDEVICE_OBJECT> held = UsbmiChildPdos();
+  EXPECT_EQ(after.size(), held.size());
+  for (size_t i = 0; i < after.size(); ++i) {
+    SCOPED_TRACE(i);
+    // The same function in the same place, on a new PDO: the old ones were still alive when
+    // the new ones were created.
+    EXPECT_EQ(before[i].instancePath, after[i].instancePath);
+    EXPECT_NE(before[i].id, after[i].id);
+    EXPECT_NE(before[i].pdo, after[i].pdo);
+    EXPECT_NE(held.end(), std::find(held.begin(), held.end(), after[i].pdo));
+    EXPECT_EQ(DeviceNodeState::Started, after[i].state);
+    EXPECT_EQ(u"wdmgeneric", after[i].service);
+  }
+
+  // A second rebalance works on the children of the first.
+  RunOperation(wdmsim::PnpOperation::Rebalance, ParentNode());
+  EXPECT_EQ(3, CountOf(TakeTrace(), kChildDeletedOnItsRemoval));
+  EXPECT_EQ(3u, Children().size());
+  EXPECT_EQ(3u, UsbmiChildPdos().size());
+}
+
+}  // namespace
+}  // namespace scenario
