@@ -10,40 +10,16 @@
 
 namespace {
 
-// The hub driver's in-box INF as a test writes it: root hubs and class 09 devices.
-const char kHubInf[] =
-    "[Version]\n"
-    "Signature = \"$Windows NT$\"\n"
-    "Class = USB\n"
-    "ClassGuid = {36FC9E60-C465-11CF-8056-444553540000}\n"
-    "Provider = wdmsim\n"
-    "DriverVer = 01/01/2024,1.0.0.0\n"
-    "[Manufacturer]\n"
-    "wdmsim = Hubs, NTamd64\n"
-    "[Hubs.NTamd64]\n"
-    "\"USB Root Hub\" = Hub_Install, USB\\ROOT_HUB20\n"
-    "\"Generic USB Hub\" = Hub_Install, USB\\CLASS_09\n"
-    "[Hub_Install.NT]\n"
-    "[Hub_Install.NT.Services]\n"
-    "AddService = usbhub, 2, Hub_Service\n"
-    "[Hub_Service]\n"
-    "ServiceType = 1\n"
-    "StartType = 3\n"
-    "ErrorControl = 1\n"
-    "ServiceBinary = %12%\\usbhub.sys\n";
-
 class PnpUsbTree : public ::testing::Test {
  protected:
   wdmsim::Kernel kernel;
 };
 
 TEST_F(PnpUsbTree, RootHubEnumeratesPluggedDevicesAndRemovesPulledOnes) {
-  wdmsim::InfError error;
-  ASSERT_TRUE(wdmsim::InstallInf("usbhub.inf", kHubInf, &error)) << error.Text();
-  wdmsim::RegisterDriverImage(wdmsim::kUsbHubService, wdmsim::UsbHubDriverEntry);
+  // The in-box INF binds usbhub to the root hub.
   wdmsim::InstallGenericFunctionDriver();
-  int hub = wdmsim::CreateUsbRootHub(4);
-  wdmsim::DeviceNodeId root = wdmsim::ReportRootDevice(wdmsim::UsbHubPdo(hub));
+  int hub = wdmsim::CreateUsbBusForPnp(4);
+  wdmsim::DeviceNodeId root = wdmsim::FindDeviceNodeByPdo(wdmsim::UsbHubPdo(hub));
   wdmsim::WaitForPnpIdle();
   ASSERT_EQ(wdmsim::GetDeviceNode(root)->state, wdmsim::DeviceNodeState::Started);
   EXPECT_EQ(wdmsim::GetDeviceNode(root)->service, wdmsim::kUsbHubService);
@@ -70,8 +46,8 @@ TEST_F(PnpUsbTree, RootHubEnumeratesPluggedDevicesAndRemovesPulledOnes) {
             std::vector<std::string>({"SURPRISE_REMOVAL", "REMOVE_DEVICE"}));
   EXPECT_EQ(wdmsim::GetUsbPortState(hub, port).pdo, nullptr);
 
-  EXPECT_EQ(wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, root), STATUS_SUCCESS);
-  wdmsim::DestroyUsbRootHub(hub);
+  wdmsim::DestroyUsbBusForPnp(hub);
+  EXPECT_EQ(wdmsim::GetDeviceNode(root)->state, wdmsim::DeviceNodeState::Deleted);
 }
 
 }  // namespace

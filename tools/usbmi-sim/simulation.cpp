@@ -19,7 +19,8 @@
 namespace usbmisim {
 namespace {
 
-// What a port of each hub kind supplies, as the USB specification fixes it.
+// What a port of each hub kind supplies under USB 2.0: 500 mA from a root or self-powered
+// hub, 100 mA from a bus-powered one.
 uint32_t PortBudgetMa(HubKind hub) { return hub == HubKind::BusPowered ? 100 : 500; }
 
 std::string ConfigurationSettingName(HubKind hub) {

@@ -81,9 +81,9 @@ UsbDeviceIdentifiers IdentifyUsbDevice(const UsbDeviceDescription& description, 
   if (ids.uniqueInstance) {
     ids.instanceId = *serial;
   } else {
-    // The hub's own instance stands in: unique per hub and port, stable across re-plugs.
-    ids.instanceId = u"5&" + Hex(0x2B8E0000u + static_cast<unsigned>(hub) * 0x1F3u, 8, false) + u"&0&" +
-                     Decimal(static_cast<unsigned>(port));
+    // Only unique below its hub (UniqueID is clear): the PnP manager puts the hub's prefix
+    // in front, so the instance stays stable across re-plugs into the same port.
+    ids.instanceId = Decimal(static_cast<unsigned>(port));
   }
 
   ids.description = ProductText(description);

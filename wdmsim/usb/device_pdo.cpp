@@ -1,5 +1,4 @@
-// A device PDO's life: created by the hub for what is plugged into a port, given a device
-// node (so its hardware key exists for the function driver's settings), deleted when the
+// A device PDO's life: created by the hub for what is plugged into a port, deleted when the
 // PnP manager removes it after the hub reported it missing.
 #include "usb/device_pdo.h"
 
@@ -13,17 +12,6 @@
 namespace wdmsim {
 namespace usb {
 namespace {
-
-// What the PnP manager records for a device node from its queries; kept here in one place
-// until the PnP manager records it itself.
-void RegisterNode(PDEVICE_OBJECT pdo, const UsbDeviceIdentifiers& ids, int port) {
-  RegisterDeviceNode(pdo, ids.InstancePath());
-  SetDeviceStringProperty(pdo, DevicePropertyDeviceDescription, ids.description);
-  SetDeviceStringProperty(pdo, DevicePropertyLocationInformation, ids.location);
-  SetDeviceMultiStringProperty(pdo, DevicePropertyHardwareID, ids.hardwareIds);
-  SetDeviceMultiStringProperty(pdo, DevicePropertyCompatibleIDs, ids.compatibleIds);
-  SetDeviceNumberProperty(pdo, DevicePropertyAddress, static_cast<ULONG>(port));
-}
 
 }  // namespace
 
@@ -66,7 +54,6 @@ DevicePdo* DevicePdo::Create(PDRIVER_OBJECT driver, Hub* hub, Port* port) {
     hub->children.push_back(record);
     if (port->childHub != nullptr) port->childHub->pdo = self;
   }
-  RegisterNode(self, record->mIdentifiers, record->mPort);
   self->Flags &= ~DO_DEVICE_INITIALIZING;
   return record;
 }

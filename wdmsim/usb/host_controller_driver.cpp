@@ -1,6 +1,8 @@
 // The host-controller driver "\Driver\usbehci": owner of the root hub PDOs. A root hub PDO
 // is the bottom of a hub stack; it answers PnP for the root hub and stays until its
 // controller goes (CreateUsbRootHub and DestroyUsbRootHub stand for the controller).
+#include <string>
+
 #include <wdmsim/io.h>
 #include <wdmsim/pnp.h>
 #include <wdmsim/usbbus.h>
@@ -17,7 +19,11 @@ namespace {
 const char16_t kRootHubId[] = u"USB\\ROOT_HUB20";
 const char16_t kRootHubController[] = u"&VID4A9B&PID0E0E";
 
-std::u16string RootHubInstance(int hub) { return u"4&" + Hex(0x1C4D2000u + static_cast<unsigned>(hub), 8, false) + u"&0"; }
+// Only unique below its controller: the PnP manager puts the controller's prefix in front.
+std::u16string RootHubInstance(int hub) {
+  const std::string number = std::to_string(hub);
+  return std::u16string(number.begin(), number.end());
+}
 
 NTSTATUS RootHubQueryId(PIRP irp, int hub, BUS_QUERY_ID_TYPE type) {
   const std::u16string id = kRootHubId;

@@ -3,7 +3,10 @@
 // left out, and tears everything down in the PnP order: devices before their hubs.
 #include <algorithm>
 
+#include <string>
+
 #include <wdmsim/io.h>
+#include <wdmsim/pnp.h>
 #include <wdmsim/usbbus.h>
 
 namespace wdmsim {
@@ -22,6 +25,48 @@ std::vector<PDEVICE_OBJECT> QueryBusRelations(PDEVICE_OBJECT fdo) {
   }
   ExFreePool(relations);
   return pdos;
+}
+
+std::u16string QueryString(PDEVICE_OBJECT pdo, UCHAR minor, int type) {
+  IO_STATUS_BLOCK result = SendPnpIrp(pdo, minor, [minor, type](IO_STACK_LOCATION& stack) {
+    if (minor == IRP_MN_QUERY_ID) {
+      stack.Parameters.QueryId.IdType = static_cast<BUS_QUERY_ID_TYPE>(type);
+    } else {
+      stack.Parameters.QueryDeviceText.DeviceTextType = static_cast<DEVICE_TEXT_TYPE>(type);
+    }
+  });
+  if (!NT_SUCCESS(result.Status) || result.Information == 0) return std::u16string();
+  auto text = reinterpret_cast<const char16_t*>(result.Information);
+  std::u16string value(text);
+  ExFreePool(reinterpret_cast<PVOID>(result.Information));
+  return value;
+}
+
+bool HasUniqueInstance(PDEVICE_OBJECT pdo) {
+  DEVICE_CAPABILITIES caps = {};
+  caps.Size = sizeof(caps);
+  caps.Version = 1;
+  IO_STATUS_BLOCK result = SendPnpIrp(pdo, IRP_MN_QUERY_CAPABILITIES, [&caps](IO_STACK_LOCATION& stack) {
+    stack.Parameters.DeviceCapabilities.Capabilities = &caps;
+  });
+  return NT_SUCCESS(result.Status) && caps.UniqueID;
+}
+
+// What the PnP manager records of a new device from its queries: the device node (whose
+// hardware key holds the function driver's settings) and the texts a driver reads as
+// device properties. An instance that is only unique below its hub gets the hub's number
+// in front, as the PnP manager puts the parent's prefix there.
+void RegisterNode(PDEVICE_OBJECT pdo, int hub) {
+  std::u16string instance = QueryString(pdo, IRP_MN_QUERY_ID, BusQueryInstanceID);
+  if (!HasUniqueInstance(pdo)) {
+    const std::string prefix = std::to_string(hub) + "&";
+    instance = std::u16string(prefix.begin(), prefix.end()) + instance;
+  }
+  RegisterDeviceNode(pdo, QueryString(pdo, IRP_MN_QUERY_ID, BusQueryDeviceID) + u"\\" + instance);
+  const std::u16string description = QueryString(pdo, IRP_MN_QUERY_DEVICE_TEXT, DeviceTextDescription);
+  const std::u16string location = QueryString(pdo, IRP_MN_QUERY_DEVICE_TEXT, DeviceTextLocationInformation);
+  if (!description.empty()) SetDeviceStringProperty(pdo, DevicePropertyDeviceDescription, description);
+  if (!location.empty()) SetDeviceStringProperty(pdo, DevicePropertyLocationInformation, location);
 }
 
 }  // namespace
@@ -84,7 +129,9 @@ std::vector<PDEVICE_OBJECT> UsbTestBus::Enumerate() {
       if (std::find(reported.begin(), reported.end(), pdo) == reported.end()) SendPnpIrp(pdo, IRP_MN_REMOVE_DEVICE);
     }
     for (PDEVICE_OBJECT pdo : reported) {
-      if (std::find(known.begin(), known.end(), pdo) == known.end()) appeared.push_back(pdo);
+      if (std::find(known.begin(), known.end(), pdo) != known.end()) continue;
+      RegisterNode(pdo, hub);
+      appeared.push_back(pdo);
     }
     known = reported;
   }
