@@ -8,12 +8,13 @@
 namespace scenario {
 namespace {
 
-using wdmsim::DeviceNodeInfo;
-using wdmsim::DeviceNodeState;
-
-std::vector<std::string> Concat(std::vector<std::string> first, const std::vector<std::string>& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
+// What a node saw from its AddDevice on (before it: the bus's answers about the device),
+// against what a started node must have seen.
+void ExpectStartedFromAddDevice(const std::vector<std::string>& requests, const std::string& service) {
+  auto add = std::find(requests.begin(), requests.end(), "AddDevice " + service);
+  std::vector<std::string> expected = {"AddDevice " + service, "FILTER_RESOURCE_REQUIREMENTS", "START_DEVICE"};
+  for (const std::string& request : AfterStartRequests()) expected.push_back(request);
+  EXPECT_EQ(expected, std::vector<std::string>(add, requests.end()));
 }
 
 TEST_F(CompositeDeviceUnderPnp, ArrivalStartsTheParentAndEveryChildGetsANodeAndADriver) {
@@ -24,7 +25,7 @@ TEST_F(CompositeDeviceUnderPnp, ArrivalStartsTheParentAndEveryChildGetsANodeAndA
   EXPECT_EQ(DeviceNodeState::Started, parent.state);
   // The start invalidates the bus relations itself; the PnP manager folds that into the one
   // query that follows every start.
-  EXPECT_EQ(Concat(ArrivalRequests("usbmi"), AfterStartRequests()), NewRequests(ParentNode()));
+  ExpectStartedFromAddDevice(NewRequests(ParentNode()), "usbmi");
   for (const wdmsim::PnpRequestRecord& request : parent.requests) {
     if (request.name == "START_DEVICE" || request.name == "QUERY_DEVICE_RELATIONS BusRelations" ||
         request.name == "QUERY_CAPABILITIES") {
@@ -34,6 +35,7 @@ TEST_F(CompositeDeviceUnderPnp, ArrivalStartsTheParentAndEveryChildGetsANodeAndA
   // The hub's capabilities with the parent's changes on top.
   EXPECT_TRUE(parent.capabilities.SurpriseRemovalOK);
   EXPECT_EQ(0xFFFFFFFFu, parent.capabilities.UINumber);
+  EXPECT_EQ(1, Selections(TakeUrbs()));
   EXPECT_EQ(1, mFirmware->Configuration());
 
   // The RNDIS, ACM and vendor functions in child-list order; the notification interface is
@@ -49,7 +51,7 @@ TEST_F(CompositeDeviceUnderPnp, ArrivalStartsTheParentAndEveryChildGetsANodeAndA
     EXPECT_EQ(std::u16string(deviceIds[i]) + u"\\" + parent.busInstanceId, child.instancePath);
     EXPECT_EQ(DeviceNodeState::Started, child.state);
     EXPECT_EQ(u"wdmgeneric", child.service);
-    EXPECT_EQ(Concat(ArrivalRequests("wdmgeneric"), AfterStartRequests()), NewRequests(child.id));
+    ExpectStartedFromAddDevice(NewRequests(child.id), "wdmgeneric");
     for (const wdmsim::PnpRequestRecord& request : child.requests) {
       // Every identity answer and state request succeeds; a child has no bus of its own, so
       // its bus relations query keeps the status it was sent with.

@@ -8,17 +8,10 @@
 namespace scenario {
 namespace {
 
-using wdmsim::DeviceNodeInfo;
-using wdmsim::DeviceNodeState;
-
 TEST_F(CompositeDeviceUnderPnp, ChildRemovedWhileReportedStaysUntilReportedMissing) {
-  Plug();
-  std::vector<DeviceNodeInfo> children = Children();
+  std::vector<DeviceNodeInfo> children = PlugDemoAndSettle();
   ASSERT_EQ(3u, children.size());
   const DeviceNodeInfo removed = children[1];
-  NewRequests(ParentNode());
-  for (const DeviceNodeInfo& child : children) NewRequests(child.id);
-  TakeTrace();
 
   RunOperation(wdmsim::PnpOperation::QueryRemove, removed.id);
   EXPECT_EQ((std::vector<std::string>{"QUERY_REMOVE_DEVICE", "REMOVE_DEVICE"}), NewRequests(removed.id));

@@ -1,5 +1,6 @@
 #include "composite_device_under_pnp.h"
 
+#include <algorithm>
 #include <ostream>
 
 #include <wdmsim/io.h>
@@ -46,6 +47,17 @@ void CompositeDeviceUnderPnp::Plug(std::shared_ptr<wdmsim::UsbFirmware> firmware
   ASSERT_NE(0u, mParentNode);
 }
 
+std::vector<DeviceNodeInfo> CompositeDeviceUnderPnp::PlugDemoAndSettle() {
+  Plug();
+  std::vector<DeviceNodeInfo> children = Children();
+  EXPECT_EQ(3u, children.size());
+  NewRequests(mParentNode);
+  for (const DeviceNodeInfo& child : children) NewRequests(child.id);
+  TakeUrbs();
+  TakeTrace();
+  return children;
+}
+
 void CompositeDeviceUnderPnp::Unplug() { mMachine->Unplug(); }
 
 wdmsim::DeviceNodeId CompositeDeviceUnderPnp::RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node,
@@ -55,14 +67,14 @@ wdmsim::DeviceNodeId CompositeDeviceUnderPnp::RunOperation(wdmsim::PnpOperation 
   return node;
 }
 
-wdmsim::DeviceNodeInfo CompositeDeviceUnderPnp::Node(wdmsim::DeviceNodeId node) {
-  std::optional<wdmsim::DeviceNodeInfo> info = wdmsim::GetDeviceNode(node);
+DeviceNodeInfo CompositeDeviceUnderPnp::Node(wdmsim::DeviceNodeId node) {
+  std::optional<DeviceNodeInfo> info = wdmsim::GetDeviceNode(node);
   EXPECT_TRUE(info.has_value()) << "node " << node;
-  return info.value_or(wdmsim::DeviceNodeInfo());
+  return info.value_or(DeviceNodeInfo());
 }
 
-std::vector<wdmsim::DeviceNodeInfo> CompositeDeviceUnderPnp::Children() const {
-  std::vector<wdmsim::DeviceNodeInfo> children;
+std::vector<DeviceNodeInfo> CompositeDeviceUnderPnp::Children() const {
+  std::vector<DeviceNodeInfo> children;
   for (wdmsim::DeviceNodeId child : Node(mParentNode).children) children.push_back(Node(child));
   return children;
 }
@@ -88,31 +100,10 @@ std::vector<std::string> CompositeDeviceUnderPnp::NewRequests(wdmsim::DeviceNode
   return fresh;
 }
 
-std::vector<uint16_t> CompositeDeviceUnderPnp::TakeSetConfigurations() {
-  const uint8_t kSetConfiguration = 9;
-  std::vector<uint16_t> values;
-  for (const wdmsim::UsbControlRecord& record : mFirmware->TakeControlLog()) {
-    if (record.setup.bmRequestType == 0x00 && record.setup.bRequest == kSetConfiguration) {
-      values.push_back(record.setup.wValue);
-    }
-  }
-  return values;
-}
+std::vector<USHORT> CompositeDeviceUnderPnp::TakeUrbs() { return wdmsim::TakeUsbUrbLog(mParentPdo); }
 
-std::vector<std::string> ArrivalRequests(const std::string& service) {
-  return {"QUERY_ID DeviceID",
-          "QUERY_CAPABILITIES",
-          "QUERY_ID InstanceID",
-          "QUERY_ID HardwareIDs",
-          "QUERY_ID CompatibleIDs",
-          "QUERY_DEVICE_TEXT Description",
-          "QUERY_DEVICE_TEXT Location",
-          "QUERY_BUS_INFORMATION",
-          "QUERY_RESOURCES",
-          "QUERY_RESOURCE_REQUIREMENTS",
-          "AddDevice " + service,
-          "FILTER_RESOURCE_REQUIREMENTS",
-          "START_DEVICE"};
+int CompositeDeviceUnderPnp::Selections(const std::vector<USHORT>& urbs) {
+  return static_cast<int>(std::count(urbs.begin(), urbs.end(), URB_FUNCTION_SELECT_CONFIGURATION));
 }
 
 std::vector<std::string> AfterStartRequests() {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <ntddk.h>
+#include <usb.h>
 
 #include <cstdint>
 #include <map>
@@ -20,6 +21,9 @@
 #include "sim_machine.h"
 
 namespace scenario {
+
+using wdmsim::DeviceNodeInfo;
+using wdmsim::DeviceNodeState;
 
 // What a run holds that a driver could leak: pool blocks by tag and IRPs.
 struct LiveResources {
@@ -37,6 +41,9 @@ class CompositeDeviceUnderPnp : public testing::Test {
 
   // Plugs the device into the root hub and waits until the PnP manager is done.
   void Plug(std::shared_ptr<wdmsim::UsbFirmware> firmware = wdmsim::MakeDemoCompositeFirmware());
+  // Plugs the demo device and returns its three running children, with the requests, URBs
+  // and trace of the arrival taken: what a test looks at next is what comes after.
+  std::vector<DeviceNodeInfo> PlugDemoAndSettle();
   void Unplug();
   wdmsim::DeviceNodeId RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node,
                                     NTSTATUS expected = STATUS_SUCCESS);
@@ -44,15 +51,17 @@ class CompositeDeviceUnderPnp : public testing::Test {
   // The plugged device's node (it keeps the id after it was deleted).
   wdmsim::DeviceNodeId ParentNode() const { return mParentNode; }
   PDEVICE_OBJECT ParentPdo() const { return mParentPdo; }
-  static wdmsim::DeviceNodeInfo Node(wdmsim::DeviceNodeId node);
+  static DeviceNodeInfo Node(wdmsim::DeviceNodeId node);
   // The parent's child nodes in the order of its last bus relations answer.
-  std::vector<wdmsim::DeviceNodeInfo> Children() const;
+  std::vector<DeviceNodeInfo> Children() const;
   // The child PDOs usbmi holds, reported or not (the parent's FDO must be attached).
   std::vector<PDEVICE_OBJECT> UsbmiChildPdos() const;
   // Requests the node saw since the last call for it (all of them the first time).
   std::vector<std::string> NewRequests(wdmsim::DeviceNodeId node);
-  // The wValue of every SET_CONFIGURATION the device received since the last call.
-  std::vector<uint16_t> TakeSetConfigurations();
+  // URB functions the plugged device received since the last call, and how many of them
+  // were configuration selections (unconfiguring included).
+  std::vector<USHORT> TakeUrbs();
+  static int Selections(const std::vector<USHORT>& urbs);
   std::string TakeTrace() { return mMachine->TakeTrace(); }
 
   std::unique_ptr<usbmisim::SimMachine> mMachine;
@@ -64,9 +73,6 @@ class CompositeDeviceUnderPnp : public testing::Test {
   std::map<wdmsim::DeviceNodeId, size_t> mRequestsSeen;
 };
 
-// The requests the PnP manager sends a device that arrives and starts, in order, from its
-// identity queries to the first bus relations answer.
-std::vector<std::string> ArrivalRequests(const std::string& service);
 // The requests after a successful start: capabilities, device state, bus relations.
 std::vector<std::string> AfterStartRequests();
 

@@ -10,17 +10,9 @@
 namespace scenario {
 namespace {
 
-using wdmsim::DeviceNodeInfo;
-using wdmsim::DeviceNodeState;
-
 TEST_F(CompositeDeviceUnderPnp, RebalanceReplacesEveryChildWithAFreshOne) {
-  Plug();
-  std::vector<DeviceNodeInfo> before = Children();
+  std::vector<DeviceNodeInfo> before = PlugDemoAndSettle();
   ASSERT_EQ(3u, before.size());
-  NewRequests(ParentNode());
-  for (const DeviceNodeInfo& child : before) NewRequests(child.id);
-  TakeSetConfigurations();
-  TakeTrace();
 
   RunOperation(wdmsim::PnpOperation::Rebalance, ParentNode());
 
@@ -28,7 +20,12 @@ TEST_F(CompositeDeviceUnderPnp, RebalanceReplacesEveryChildWithAFreshOne) {
   for (const std::string& request : AfterStartRequests()) expected.push_back(request);
   EXPECT_EQ(expected, NewRequests(ParentNode()));
   EXPECT_EQ(DeviceNodeState::Started, Node(ParentNode()).state);
-  EXPECT_EQ((std::vector<uint16_t>{0, 1}), TakeSetConfigurations());
+  // Unconfigured by the stop before anything else, selected again by the start.
+  const std::vector<USHORT> urbs = TakeUrbs();
+  ASSERT_FALSE(urbs.empty());
+  EXPECT_EQ(URB_FUNCTION_SELECT_CONFIGURATION, urbs.front());
+  EXPECT_EQ(2, Selections(urbs));
+  EXPECT_EQ(1, mFirmware->Configuration());
 
   for (const DeviceNodeInfo& old : before) {
     EXPECT_EQ((std::vector<std::string>{"SURPRISE_REMOVAL", "REMOVE_DEVICE"}), NewRequests(old.id));

@@ -16,9 +16,6 @@
 namespace scenario {
 namespace {
 
-using wdmsim::DeviceNodeInfo;
-using wdmsim::DeviceNodeState;
-
 // Sentinel for a URB the stack fails: the start must fail with exactly this status.
 constexpr NTSTATUS kUrbFailure = STATUS_DEVICE_DATA_ERROR;
 

@@ -8,19 +8,12 @@
 namespace scenario {
 namespace {
 
-using wdmsim::DeviceNodeInfo;
-using wdmsim::DeviceNodeState;
-
 const std::vector<std::string> kSurpriseRemoval = {"SURPRISE_REMOVAL", "REMOVE_DEVICE"};
 
 TEST_F(CompositeDeviceUnderPnp, PulledDeviceTakesItsChildrenAndLeavesNothing) {
   const LiveResources before = TakeLiveResources();
-  Plug();
-  std::vector<DeviceNodeInfo> children = Children();
+  std::vector<DeviceNodeInfo> children = PlugDemoAndSettle();
   ASSERT_EQ(3u, children.size());
-  NewRequests(ParentNode());
-  for (const DeviceNodeInfo& child : children) NewRequests(child.id);
-  TakeTrace();
 
   Unplug();
 
