@@ -2,10 +2,13 @@
 // unconfigures the device and marks the children absent; the restart configures it again
 // and creates the children anew, so the relations answer after the restart reports new PDOs
 // and leaves the old ones out. The old children, reported missing, are surprise-removed and
-// deleted by their own removal; the new ones get nodes and drivers of their own.
+// deleted by their own removal; the new ones get nodes and drivers of their own. A restart
+// that fails leaves the parent to take the old children with it.
 #include "composite_device_under_pnp.h"
 
 #include <algorithm>
+
+#include <wdmsim/usbbus.h>
 
 namespace scenario {
 namespace {
@@ -55,6 +58,41 @@ TEST_F(CompositeDeviceUnderPnp, RebalanceReplacesEveryChildWithAFreshOne) {
   EXPECT_EQ(3, CountOf(TakeTrace(), kChildDeletedOnItsRemoval));
   EXPECT_EQ(3u, Children().size());
   EXPECT_EQ(3u, UsbmiChildPdos().size());
+}
+
+// The restart fails: the parent cannot serve its children any more, so the PnP manager
+// removes them and then the parent. The children were marked absent by the stop but never
+// left out of an answer, so their removal leaves them to the parent's, which takes them.
+TEST_F(CompositeDeviceUnderPnp, RestartFailingAfterRebalanceTakesTheOldChildrenWithTheParent) {
+  const LiveResources before = TakeLiveResources();
+  std::vector<DeviceNodeInfo> children = PlugDemoAndSettle();
+  ASSERT_EQ(3u, children.size());
+  wdmsim::UsbFaultPoint descriptor;
+  descriptor.fault = wdmsim::UsbFault::FailUrb;
+  descriptor.urbFunction = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
+  descriptor.irpStatus = STATUS_DEVICE_DATA_ERROR;
+  wdmsim::ArmUsbFault(descriptor);
+
+  RunOperation(wdmsim::PnpOperation::Rebalance, ParentNode(), STATUS_DEVICE_DATA_ERROR);
+  EXPECT_EQ(1, wdmsim::UsbFaultHits(wdmsim::UsbFault::FailUrb));
+  wdmsim::ClearUsbFaults();
+
+  EXPECT_EQ((std::vector<std::string>{"QUERY_STOP_DEVICE", "STOP_DEVICE", "START_DEVICE", "REMOVE_DEVICE"}),
+            NewRequests(ParentNode()));
+  const DeviceNodeInfo parent = Node(ParentNode());
+  EXPECT_EQ(DeviceNodeState::StartFailed, parent.state);
+  EXPECT_EQ(STATUS_DEVICE_DATA_ERROR, parent.problemStatus);
+  for (const DeviceNodeInfo& child : children) {
+    EXPECT_EQ((std::vector<std::string>{"SURPRISE_REMOVAL", "REMOVE_DEVICE"}), NewRequests(child.id));
+    EXPECT_EQ(DeviceNodeState::Deleted, Node(child.id).state);
+  }
+  const std::string trace = TakeTrace();
+  EXPECT_EQ(0, CountOf(trace, kChildDeletedOnItsRemoval)) << trace;
+  EXPECT_EQ(3, CountOf(trace, kChildDestroyed)) << trace;
+  EXPECT_EQ(nullptr, ParentPdo()->AttachedDevice);
+
+  Unplug();
+  EXPECT_EQ(before, TakeLiveResources());
 }
 
 }  // namespace
