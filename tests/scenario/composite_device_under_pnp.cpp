@@ -1,6 +1,7 @@
 #include "composite_device_under_pnp.h"
 
 #include <algorithm>
+#include <optional>
 #include <ostream>
 
 #include <wdmsim/io.h>
@@ -60,11 +61,10 @@ std::vector<DeviceNodeInfo> CompositeDeviceUnderPnp::PlugDemoAndSettle() {
 
 void CompositeDeviceUnderPnp::Unplug() { mMachine->Unplug(); }
 
-wdmsim::DeviceNodeId CompositeDeviceUnderPnp::RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node,
-                                                          NTSTATUS expected) {
+void CompositeDeviceUnderPnp::RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node,
+                                           NTSTATUS expected) {
   EXPECT_EQ(expected, wdmsim::RunPnpOperation(operation, node));
   wdmsim::WaitForPnpIdle();
-  return node;
 }
 
 DeviceNodeInfo CompositeDeviceUnderPnp::Node(wdmsim::DeviceNodeId node) {

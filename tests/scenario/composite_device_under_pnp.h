@@ -45,8 +45,8 @@ class CompositeDeviceUnderPnp : public testing::Test {
   // and trace of the arrival taken: what a test looks at next is what comes after.
   std::vector<DeviceNodeInfo> PlugDemoAndSettle();
   void Unplug();
-  wdmsim::DeviceNodeId RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node,
-                                    NTSTATUS expected = STATUS_SUCCESS);
+  // Runs the operation on the node, expects its outcome and waits for what follows it.
+  void RunOperation(wdmsim::PnpOperation operation, wdmsim::DeviceNodeId node, NTSTATUS expected = STATUS_SUCCESS);
 
   // The plugged device's node (it keeps the id after it was deleted).
   wdmsim::DeviceNodeId ParentNode() const { return mParentNode; }

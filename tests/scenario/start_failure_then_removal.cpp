@@ -78,8 +78,7 @@ class StartFailureUnderPnp : public CompositeDeviceUnderPnp {
     EXPECT_EQ(nullptr, ParentPdo()->AttachedDevice);
   }
 
-  // Pulls the device out: no node is left to remove, and the driver unloads with nothing
-  // of it left behind.
+  // Pulls the device out: its node goes, and nothing the driver allocated is left.
   void UnplugAndExpectNothingLeft(const LiveResources& before) {
     TakeTrace();
     Unplug();
@@ -128,6 +127,9 @@ TEST_F(StartFailureUnderPnp, EachFailurePointOfTheStartEndsInARemoveThatLeavesNo
     ExpectFailedStartRemoved(point.status);
     const std::string trace = TakeTrace();
     EXPECT_TRUE(Contains(trace, point.trace)) << trace;
+    // Its only device removed, the driver is unloaded, which the kernel refuses (and
+    // reports) while any device object of the driver is left.
+    EXPECT_TRUE(Contains(trace, "usbmi:DriverUnload")) << trace;
     UnplugAndExpectNothingLeft(before);
   }
 }
@@ -157,6 +159,7 @@ TEST_F(StartFailureUnderPnp, EveryIrpAllocationOfTheStartCanFail) {
       failedStarts++;
       EXPECT_FALSE(NT_SUCCESS(parent.problemStatus));
       ExpectFailedStartRemoved(parent.problemStatus);
+      EXPECT_TRUE(Contains(trace, "usbmi:DriverUnload")) << trace;
       idleIrpFailed = Contains(trace, "usbmi:Device::OnPnpStartDevice: IoAllocateIrp failed, stat=");
       if (idleIrpFailed) {
         EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, parent.problemStatus);
