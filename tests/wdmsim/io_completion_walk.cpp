@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <wdmsim/kernel.h>
-
 #include "io_test_driver.h"
 
 namespace {
@@ -49,18 +47,11 @@ iotest::Dispatch ForwardWithRoutine(PDEVICE_OBJECT lower, Routine* routine) {
   };
 }
 
-class CompletionWalk : public ::testing::Test {
+class CompletionWalk : public iotest::IoTest {
  protected:
-  // An IRP of the test's own for top, whose routine records and takes it back.
-  PIRP OwnIrp(PDEVICE_OBJECT top) {
-    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    IoSetCompletionRoutine(irp, RecordingRoutine, &originator, TRUE, TRUE, TRUE);
-    return irp;
-  }
+  // An IRP of the test's own whose routine records and takes it back.
+  PIRP OwnIrp(PDEVICE_OBJECT top) { return IoTest::OwnIrp(top, RecordingRoutine, &originator); }
 
-  wdmsim::Kernel kernel;
-  iotest::TestDriver driver;
   std::vector<Call> log;
   Routine originator{"originator", &log, STATUS_MORE_PROCESSING_REQUIRED};
 };

@@ -3,17 +3,11 @@
 
 #include <cstring>
 
-#include <wdmsim/kernel.h>
-
 #include "io_test_driver.h"
 
 namespace {
 
-class ErrorLog : public ::testing::Test {
- protected:
-  wdmsim::Kernel kernel;
-  iotest::TestDriver driver;
-};
+using ErrorLog = iotest::IoTest;
 
 TEST_F(ErrorLog, EntrySizeIsLimitedAndEntriesStartZeroed) {
   PDEVICE_OBJECT device = driver.AddDevice(iotest::CompleteWith(STATUS_SUCCESS));

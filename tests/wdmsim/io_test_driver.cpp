@@ -86,6 +86,26 @@ Dispatch SkipTo(PDEVICE_OBJECT lower) {
   };
 }
 
+namespace {
+
+NTSTATUS NTAPI CountTakeBack(PDEVICE_OBJECT, PIRP, PVOID context) {
+  ++*static_cast<std::atomic<int>*>(context);
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+}  // namespace
+
+PIRP IoTest::OwnIrp(PDEVICE_OBJECT top, PIO_COMPLETION_ROUTINE routine, PVOID context) {
+  PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+  IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+  if (routine == nullptr) {
+    routine = CountTakeBack;
+    context = &takeBacks;
+  }
+  IoSetCompletionRoutine(irp, routine, context, TRUE, TRUE, TRUE);
+  return irp;
+}
+
 SystemThread::SystemThread(std::function<void()> body) : mBody(std::move(body)) {
   mThread = kernel_test::StartSystemThread(Start, this);
   EXPECT_NE(mThread, nullptr);

@@ -6,9 +6,14 @@
 #include <string>
 #include <vector>
 
+#include <atomic>
+
+#include <gtest/gtest.h>
+
 #include <wdm.h>
 
 #include <wdmsim/io.h>
+#include <wdmsim/kernel.h>
 #include <wdmsim/verifier.h>
 
 #include "expect_violation.h"
@@ -58,6 +63,21 @@ class SystemThread {
   std::function<void()> mBody;
   PVOID mThread = nullptr;
 };
+
+// A machine with a TestDriver loaded, and IRPs of the test's own.
+class IoTest : public ::testing::Test {
+ protected:
+  // An IRP sized for top's stack with a read in its first location. Its completion routine
+  // (by default one that counts in takeBacks) returns STATUS_MORE_PROCESSING_REQUIRED, so
+  // the IRP stays with the test, which frees it.
+  PIRP OwnIrp(PDEVICE_OBJECT top, PIO_COMPLETION_ROUTINE routine = nullptr, PVOID context = nullptr);
+
+  wdmsim::Kernel kernel;
+  TestDriver driver;
+  std::atomic<int> takeBacks{0};
+};
+
+inline const char kIoViolation[] = "DRIVER_VERIFIER_IOMANAGER_VIOLATION";
 
 // Violations recorded since the last call whose bugcheck is bugcheck and whose message
 // contains text.

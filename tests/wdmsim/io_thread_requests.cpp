@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include <wdmsim/kernel.h>
-
 #include "io_test_driver.h"
 
 namespace {
@@ -14,83 +12,67 @@ const ULONG kBufferedControl = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_BUFFE
 const ULONG kNeitherInternal = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x802, METHOD_NEITHER, FILE_ANY_ACCESS);
 const ULONG kOutDirectControl = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x803, METHOD_OUT_DIRECT, FILE_ANY_ACCESS);
 
-class ThreadRequests : public ::testing::Test {
+class ThreadRequests : public iotest::IoTest {
  protected:
   ThreadRequests() { KeInitializeEvent(&event, NotificationEvent, FALSE); }
 
-  // Lets the bottom device answer a buffered control: checks the input it was given and
-  // writes `produced` bytes of 0xC3 as output, claiming `information` bytes.
-  PDEVICE_OBJECT BufferedResponder(NTSTATUS status, ULONG produced, ULONG_PTR information) {
-    return driver.AddDevice([=](PDEVICE_OBJECT, PIRP irp) {
+  KEVENT event;
+  IO_STATUS_BLOCK iosb = {};
+};
+
+// The bottom device answers a buffered control: it keeps the input it was given and writes
+// `produced` bytes of 0xC3 as output, claiming `information` bytes. Exactly what the caller
+// may see comes back, only on success; a claim beyond the caller's buffer is reported.
+TEST_F(ThreadRequests, BufferedControlCarriesInputDownAndOutputBack) {
+  struct Row {
+    const char* name;
+    NTSTATUS status;
+    ULONG outputLength;
+    ULONG produced;
+    ULONG_PTR information;
+    const char* output;  // the caller's 8 bytes afterwards: 'C' for 0xC3, '.' untouched
+    int violations;
+  } rows[] = {
+      {"success", STATUS_SUCCESS, 8, 6, 6, "CCCCCC..", 0},
+      {"failure", STATUS_UNSUCCESSFUL, 8, 8, 8, "........", 0},
+      {"information beyond the output buffer", STATUS_SUCCESS, 4, 4, 8, "CCCC....", 1},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<UCHAR> seenInput;
+    PDEVICE_OBJECT device = driver.AddDevice([&](PDEVICE_OBJECT, PIRP irp) {
       PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
       EXPECT_EQ(stack->MajorFunction, IRP_MJ_DEVICE_CONTROL);
       EXPECT_EQ(stack->Parameters.DeviceIoControl.IoControlCode, kBufferedControl);
-      seenInput.assign(static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer),
-                       static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer) +
-                           stack->Parameters.DeviceIoControl.InputBufferLength);
-      memset(irp->AssociatedIrp.SystemBuffer, 0xC3, produced);
-      irp->IoStatus.Status = status;
-      irp->IoStatus.Information = information;
+      auto system = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
+      seenInput.assign(system, system + stack->Parameters.DeviceIoControl.InputBufferLength);
+      memset(system, 0xC3, r.produced);
+      irp->IoStatus.Status = r.status;
+      irp->IoStatus.Information = r.information;
       IoCompleteRequest(irp, IO_NO_INCREMENT);
-      return status;
+      return r.status;
     });
+    UCHAR input[3] = {0x11, 0x22, 0x33};
+    UCHAR output[8];
+    memset(output, 0xEE, sizeof output);
+    KeClearEvent(&event);
+    wdmsim_test::ExpectViolations expected;
+    PIRP irp = IoBuildDeviceIoControlRequest(kBufferedControl, device, input, sizeof input, output, r.outputLength,
+                                             FALSE, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    EXPECT_EQ(wdmsim::LiveIrpCount(), 1u);
+    EXPECT_EQ(IoCallDriver(device, irp), r.status);
+
+    EXPECT_EQ(seenInput, std::vector<UCHAR>({0x11, 0x22, 0x33}));
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(iosb.Status, r.status);
+    EXPECT_EQ(iosb.Information, r.information);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(output[i], r.output[i] == 'C' ? 0xC3 : 0xEE) << "byte " << i;
+    EXPECT_EQ(iotest::CountViolations(wdmsim::TakeViolations(), iotest::kIoViolation,
+                                      "more than the 4-byte output buffer"),
+              r.violations);
+    EXPECT_EQ(wdmsim::LiveIrpCount(), 0u);
   }
-
-  wdmsim::Kernel kernel;
-  iotest::TestDriver driver;
-  KEVENT event;
-  IO_STATUS_BLOCK iosb = {};
-  std::vector<UCHAR> seenInput;
-};
-
-TEST_F(ThreadRequests, BufferedControlCarriesInputDownAndOutputBack) {
-  PDEVICE_OBJECT device = BufferedResponder(STATUS_SUCCESS, 6, 6);
-  UCHAR input[3] = {0x11, 0x22, 0x33};
-  UCHAR output[8];
-  memset(output, 0xEE, sizeof output);
-  PIRP irp = IoBuildDeviceIoControlRequest(kBufferedControl, device, input, sizeof input, output, sizeof output, FALSE,
-                                           &event, &iosb);
-  ASSERT_NE(irp, nullptr);
-  EXPECT_EQ(wdmsim::LiveIrpCount(), 1u);
-
-  EXPECT_EQ(IoCallDriver(device, irp), STATUS_SUCCESS);
-
-  EXPECT_EQ(seenInput, std::vector<UCHAR>({0x11, 0x22, 0x33}));
-  EXPECT_EQ(KeReadStateEvent(&event), 1);
-  EXPECT_EQ(iosb.Status, STATUS_SUCCESS);
-  EXPECT_EQ(iosb.Information, 6u);
-  // Exactly Information bytes come back; the rest of the caller's buffer is untouched.
-  const UCHAR expected[8] = {0xC3, 0xC3, 0xC3, 0xC3, 0xC3, 0xC3, 0xEE, 0xEE};
-  EXPECT_EQ(memcmp(output, expected, sizeof output), 0);
-  EXPECT_EQ(wdmsim::LiveIrpCount(), 0u);
-}
-
-TEST_F(ThreadRequests, FailedControlLeavesTheOutputBufferAlone) {
-  PDEVICE_OBJECT device = BufferedResponder(STATUS_UNSUCCESSFUL, 8, 8);
-  UCHAR output[8];
-  memset(output, 0xEE, sizeof output);
-  PIRP irp = IoBuildDeviceIoControlRequest(kBufferedControl, device, nullptr, 0, output, sizeof output, FALSE, &event,
-                                           &iosb);
-  EXPECT_EQ(IoCallDriver(device, irp), STATUS_UNSUCCESSFUL);
-  EXPECT_EQ(iosb.Status, STATUS_UNSUCCESSFUL);
-  EXPECT_EQ(iosb.Information, 8u);
-  for (UCHAR b : output) EXPECT_EQ(b, 0xEE);
-  EXPECT_EQ(KeReadStateEvent(&event), 1);
-}
-
-TEST_F(ThreadRequests, InformationBeyondTheOutputBufferIsReportedAndCut) {
-  // Writes what fits in the system buffer but claims twice as much.
-  PDEVICE_OBJECT device = BufferedResponder(STATUS_SUCCESS, 4, 8);
-  UCHAR output[8];
-  memset(output, 0xEE, sizeof output);
-  wdmsim_test::ExpectViolations expected;
-  PIRP irp = IoBuildDeviceIoControlRequest(kBufferedControl, device, nullptr, 0, output, 4, FALSE, &event, &iosb);
-  IoCallDriver(device, irp);
-  EXPECT_EQ(iotest::CountViolations(wdmsim::TakeViolations(), "DRIVER_VERIFIER_IOMANAGER_VIOLATION",
-                                    "more than the 4-byte output buffer"),
-            1);
-  const UCHAR bytes[8] = {0xC3, 0xC3, 0xC3, 0xC3, 0xEE, 0xEE, 0xEE, 0xEE};
-  EXPECT_EQ(memcmp(output, bytes, sizeof output), 0);
 }
 
 TEST_F(ThreadRequests, PendingRequestSignalsOnlyWhenCompletedLater) {

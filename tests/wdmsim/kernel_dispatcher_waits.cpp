@@ -66,24 +66,6 @@ TEST(KernelWaits, WaitAllReturnsOnlyOnceEveryObjectIsSignalledAndConsumesThemTog
   EXPECT_EQ(KeReadStateEvent(&pair.second), 0);
 }
 
-TEST(KernelWaits, PollAtDispatchLevelIsAllowedButABlockingWaitIsNot) {
-  wdmsim::Kernel kernel;
-  KEVENT event;
-  KeInitializeEvent(&event, NotificationEvent, FALSE);
-  LARGE_INTEGER poll = RelativeMs(0);
-  KIRQL old;
-  KeRaiseIrql(DISPATCH_LEVEL, &old);
-  EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &poll), STATUS_TIMEOUT);
-  {
-    wdmsim_test::ExpectViolations expect;
-    LARGE_INTEGER timeout = RelativeMs(10);
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
-    EXPECT_EQ(expect.Count("IRQL_NOT_LESS_OR_EQUAL"), 1);
-    EXPECT_EQ(expect.Total(), 1);
-  }
-  KeLowerIrql(old);
-}
-
 namespace {
 
 struct Waiters {
@@ -99,43 +81,35 @@ void NTAPI WaitOnce(PVOID context) {
 
 }  // namespace
 
-TEST(KernelWaits, SynchronizationEventReleasesExactlyOneWaiterPerSet) {
+// A synchronization event releases one waiter per set and the waiter takes the signal; a
+// notification event releases every waiter and stays signalled until reset.
+TEST(KernelWaits, EventsReleaseOneOrEveryWaiter) {
   wdmsim::Kernel kernel;
-  Waiters waiters;
-  KeInitializeEvent(&waiters.event, SynchronizationEvent, FALSE);
-  PVOID threads[3];
-  for (PVOID& t : threads) t = StartSystemThread(WaitOnce, &waiters);
-  kernel.RunUntilIdle();
-  EXPECT_EQ(waiters.woken, 0);
-
-  for (int expected = 1; expected <= 3; ++expected) {
-    EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 0);
+  for (EVENT_TYPE type : {SynchronizationEvent, NotificationEvent}) {
+    SCOPED_TRACE(type == SynchronizationEvent ? "synchronization" : "notification");
+    const bool one = type == SynchronizationEvent;
+    Waiters waiters;
+    KeInitializeEvent(&waiters.event, type, FALSE);
+    PVOID threads[3];
+    for (PVOID& t : threads) t = StartSystemThread(WaitOnce, &waiters);
     kernel.RunUntilIdle();
-    EXPECT_EQ(waiters.woken, expected);
-    EXPECT_EQ(KeReadStateEvent(&waiters.event), 0);  // the released waiter took the signal
+    EXPECT_EQ(waiters.woken, 0);
+    for (int set = 1; set <= (one ? 3 : 1); ++set) {
+      EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 0);
+      kernel.RunUntilIdle();
+      EXPECT_EQ(waiters.woken, one ? set : 3);
+      EXPECT_EQ(KeReadStateEvent(&waiters.event), one ? 0 : 1);
+    }
+    for (PVOID t : threads) EXPECT_EQ(JoinSystemThread(t), STATUS_SUCCESS);
+    // With nobody waiting the signal stays until someone takes it or it is reset.
+    KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 1);
+    EXPECT_EQ(KeResetEvent(&waiters.event), 1);
+    EXPECT_EQ(KeResetEvent(&waiters.event), 0);
+    KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE);
+    KeClearEvent(&waiters.event);
+    EXPECT_EQ(KeReadStateEvent(&waiters.event), 0);
   }
-  // With nobody waiting the signal stays until someone takes it.
-  EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 0);
-  EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 1);
-  for (PVOID t : threads) EXPECT_EQ(JoinSystemThread(t), STATUS_SUCCESS);
-}
-
-TEST(KernelWaits, NotificationEventReleasesEveryWaiterAndStaysSignalledUntilReset) {
-  wdmsim::Kernel kernel;
-  Waiters waiters;
-  KeInitializeEvent(&waiters.event, NotificationEvent, FALSE);
-  PVOID threads[3];
-  for (PVOID& t : threads) t = StartSystemThread(WaitOnce, &waiters);
-  kernel.RunUntilIdle();
-  EXPECT_EQ(KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE), 0);
-  for (PVOID t : threads) EXPECT_EQ(JoinSystemThread(t), STATUS_SUCCESS);
-  EXPECT_EQ(waiters.woken, 3);
-  EXPECT_EQ(KeReadStateEvent(&waiters.event), 1);
-  EXPECT_EQ(KeResetEvent(&waiters.event), 1);
-  EXPECT_EQ(KeResetEvent(&waiters.event), 0);
-  KeSetEvent(&waiters.event, IO_NO_INCREMENT, FALSE);
-  KeClearEvent(&waiters.event);
-  EXPECT_EQ(KeReadStateEvent(&waiters.event), 0);
 }
 
 namespace {

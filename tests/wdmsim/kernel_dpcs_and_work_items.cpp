@@ -36,7 +36,7 @@ void NTAPI ProbeDpc(PKDPC, PVOID context, PVOID argument1, PVOID) {
 
 }  // namespace
 
-TEST(KernelDpcs, RunAtDispatchLevelOnTheDpcThreadWithTheirArguments) {
+TEST(KernelDpcs, RunAtDispatchLevelOnTheDpcThreadWithTheirArgumentsAndMustReturnThere) {
   wdmsim::Kernel kernel;
   DpcProbe probe;
   KeInitializeDpc(&probe.dpc, ProbeDpc, &probe);
@@ -47,6 +47,15 @@ TEST(KernelDpcs, RunAtDispatchLevelOnTheDpcThreadWithTheirArguments) {
   EXPECT_NE(probe.thread, PsGetCurrentThreadId());
   EXPECT_EQ(probe.argument1, reinterpret_cast<PVOID>(0x5EED));
   EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+
+  // A routine must return at DISPATCH_LEVEL.
+  wdmsim_test::ExpectViolations expect;
+  probe.leaveAt = PASSIVE_LEVEL;
+  KeInsertQueueDpc(&probe.dpc, nullptr, nullptr);
+  KeFlushQueuedDpcs();
+  EXPECT_EQ(probe.runs, 2);
+  EXPECT_EQ(expect.Count("IRQL_UNEXPECTED_VALUE"), 1);
+  EXPECT_EQ(expect.Total(), 1);
 }
 
 TEST(KernelDpcs, ADpcIsQueuedOnceUntilItStartsAndCanBeRemovedOrFlushed) {
@@ -69,18 +78,6 @@ TEST(KernelDpcs, ADpcIsQueuedOnceUntilItStartsAndCanBeRemovedOrFlushed) {
   EXPECT_EQ(busy.runs, 1);
   EXPECT_EQ(probe.runs, 1);
   EXPECT_EQ(probe.argument1, reinterpret_cast<PVOID>(3));
-}
-
-TEST(KernelDpcs, ARoutineThatReturnsAtAnotherIrqlIsReported) {
-  wdmsim::Kernel kernel;
-  DpcProbe probe;
-  probe.leaveAt = PASSIVE_LEVEL;
-  KeInitializeDpc(&probe.dpc, ProbeDpc, &probe);
-  wdmsim_test::ExpectViolations expect;
-  KeInsertQueueDpc(&probe.dpc, nullptr, nullptr);
-  KeFlushQueuedDpcs();
-  EXPECT_EQ(expect.Count("IRQL_UNEXPECTED_VALUE"), 1);
-  EXPECT_EQ(expect.Total(), 1);
 }
 
 namespace {

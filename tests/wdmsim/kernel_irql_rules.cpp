@@ -68,6 +68,12 @@ TEST(KernelIrql, ServicesCheckTheirIrqlRule) {
        [] { KeWaitForSingleObject(&gEvent, Executive, KernelMode, FALSE, nullptr); }, "IRQL_NOT_LESS_OR_EQUAL"},
       {"infinite wait at APC", APC_LEVEL,
        [] { KeWaitForSingleObject(&gEvent, Executive, KernelMode, FALSE, nullptr); }, nullptr},
+      {"timed wait at DISPATCH", DISPATCH_LEVEL,
+       [] {
+         LARGE_INTEGER timeout = kernel_test::RelativeMs(10);
+         KeWaitForSingleObject(&gEvent, Executive, KernelMode, FALSE, &timeout);
+       },
+       "IRQL_NOT_LESS_OR_EQUAL"},
       {"poll at DISPATCH", DISPATCH_LEVEL,
        [] { KeWaitForSingleObject(&gEvent, Executive, KernelMode, FALSE, &gPoll); }, nullptr},
       {"poll above DISPATCH", DISPATCH_LEVEL + 1,
@@ -161,23 +167,19 @@ TEST(KernelIrql, SpinLockMisuseIsReported) {
   KeReleaseSpinLock(&other, oldOther);
   KeLowerIrql(PASSIVE_LEVEL);
   EXPECT_EQ(expect.Total(), 3);
-}
 
-TEST(KernelIrql, SpinLockHeldByAnotherThreadCannotBeReleasedHere) {
-  wdmsim::Kernel kernel;
-  KSPIN_LOCK lock;
-  KeInitializeSpinLock(&lock);
-  KIRQL old = KeAcquireSpinLockRaiseToDpc(&lock);
-  wdmsim_test::ExpectViolations expect;
+  // Only the owner may release a lock.
+  old = KeAcquireSpinLockRaiseToDpc(&lock);
   wdmsim::RunOnKernelThread([&] {
     KIRQL irql;
     KeRaiseIrql(DISPATCH_LEVEL, &irql);
     KeReleaseSpinLockFromDpcLevel(&lock);
     KeLowerIrql(irql);
   });
-  EXPECT_EQ(expect.Count("SPIN_LOCK_NOT_OWNED"), 1);
+  EXPECT_EQ(expect.Count("SPIN_LOCK_NOT_OWNED"), 2);
   EXPECT_NE(lock, 0u) << "the owner's lock was released by another thread";
   KeReleaseSpinLock(&lock, old);
+  EXPECT_EQ(expect.Total(), 4);
 }
 
 TEST(KernelIrql, ServicesCalledFromAForeignHostThreadAreReported) {

@@ -34,7 +34,9 @@ class PoolChecks : public testing::Test {
   wdmsim::Kernel mKernel;
 };
 
-TEST(PoolLeak, ReportedByTagSizeTypeAndIrqlAtEndOfRun) {
+// Every live block remembers tag, type, size and allocating IRQL, in allocation order; what
+// is left at the end of the run is reported with them.
+TEST(PoolLeak, BlocksAreReportedByTagSizeTypeAndIrqlAtEndOfRun) {
   std::vector<wdmsim::Violation> seen;
   {
     wdmsim_test::ExpectViolations expect;
@@ -43,12 +45,22 @@ TEST(PoolLeak, ReportedByTagSizeTypeAndIrqlAtEndOfRun) {
       void* freed = ExAllocatePoolWithTag(NonPagedPool, 8, kTestTag);
       ASSERT_NE(freed, nullptr);
       ExFreePoolWithTag(freed, kTestTag);
-      ASSERT_NE(ExAllocatePoolWithTag(PagedPool, 24, kLeakTag), nullptr);
+      void* first = ExAllocatePoolWithTag(PagedPool, 24, kLeakTag);
       KIRQL old;
       KeRaiseIrql(DISPATCH_LEVEL, &old);
-      ASSERT_NE(ExAllocatePoolWithTag(NonPagedPool, 40, kLeakTag), nullptr);
+      void* second = ExAllocatePool(NonPagedPool, 40);
       KeLowerIrql(old);
-      EXPECT_EQ(wdmsim::LivePoolBlockCount(kLeakTag), 2u);
+      std::vector<wdmsim::PoolBlockInfo> live = wdmsim::LivePoolBlocks();
+      ASSERT_EQ(live.size(), 2u);
+      EXPECT_EQ(live[0].address, first);
+      EXPECT_EQ(live[0].tag, kLeakTag);
+      EXPECT_EQ(live[0].poolType, PagedPool);
+      EXPECT_EQ(live[0].size, 24u);
+      EXPECT_EQ(live[0].allocatingIrql, PASSIVE_LEVEL);
+      EXPECT_EQ(live[1].address, second);
+      EXPECT_EQ(wdmsim::TagText(live[1].tag), "None");  // what ExAllocatePool tags with
+      EXPECT_EQ(live[1].allocatingIrql, DISPATCH_LEVEL);
+      EXPECT_EQ(wdmsim::LivePoolBlockCount(kLeakTag), 1u);
       EXPECT_EQ(wdmsim::LivePoolBlockCount(kTestTag), 0u);
     }
     EXPECT_EQ(expect.Count("POOL_LEAK"), 2);
@@ -60,27 +72,6 @@ TEST(PoolLeak, ReportedByTagSizeTypeAndIrqlAtEndOfRun) {
   EXPECT_TRUE(MessageHas(seen, "POOL_LEAK", "40 bytes of NonPagedPool, allocated at IRQL 2"));
   // The end of the run gave everything back: the next machine starts with an empty pool.
   wdmsim::Kernel next;
-  EXPECT_EQ(wdmsim::LivePoolBlockCount(kLeakTag), 0u);
-}
-
-TEST_F(PoolChecks, LiveBlocksRememberTagTypeSizeAndIrqlInAllocationOrder) {
-  void* first = ExAllocatePoolWithTag(PagedPool, 3, kTestTag);
-  KIRQL old;
-  KeRaiseIrql(DISPATCH_LEVEL, &old);
-  void* second = ExAllocatePool(NonPagedPool, 100);
-  KeLowerIrql(old);
-  std::vector<wdmsim::PoolBlockInfo> live = wdmsim::LivePoolBlocks();
-  ASSERT_EQ(live.size(), 2u);
-  EXPECT_EQ(live[0].address, first);
-  EXPECT_EQ(live[0].tag, kTestTag);
-  EXPECT_EQ(live[0].poolType, PagedPool);
-  EXPECT_EQ(live[0].size, 3u);
-  EXPECT_EQ(live[0].allocatingIrql, PASSIVE_LEVEL);
-  EXPECT_EQ(live[1].address, second);
-  EXPECT_EQ(wdmsim::TagText(live[1].tag), "None");  // what ExAllocatePool tags with
-  EXPECT_EQ(live[1].allocatingIrql, DISPATCH_LEVEL);
-  ExFreePool(first);
-  ExFreePoolWithTag(second, 0);
   EXPECT_TRUE(wdmsim::LivePoolBlocks().empty());
 }
 
@@ -109,7 +100,13 @@ TEST_F(PoolChecks, PagedPoolAboveApcLevelIsReportedNonPagedUpToDispatchIsNot) {
   }
 }
 
-TEST_F(PoolChecks, FreeChecksTagIrqlAndDoubleFree) {
+TEST_F(PoolChecks, FreeChecksTagIrqlAndDoubleFreeAndZeroBytesAreReported) {
+  {
+    wdmsim_test::ExpectViolations expect;
+    void* block = ExAllocatePoolWithTag(NonPagedPool, 0, kTestTag);
+    EXPECT_EQ(expect.Count("BAD_POOL_CALLER"), 1);
+    ExFreePool(block);
+  }
   {
     wdmsim_test::ExpectViolations expect;
     ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPool, 8, kTestTag), 0);  // 0: no tag check
@@ -149,13 +146,6 @@ TEST_F(PoolChecks, FreeChecksTagIrqlAndDoubleFree) {
   }
 }
 
-TEST_F(PoolChecks, ZeroByteAllocationIsReported) {
-  wdmsim_test::ExpectViolations expect;
-  void* block = ExAllocatePoolWithTag(NonPagedPool, 0, kTestTag);
-  EXPECT_EQ(expect.Count("BAD_POOL_CALLER"), 1);
-  ExFreePool(block);
-}
-
 TEST_F(PoolChecks, NewBlocksAreNotZeroedAndAreAligned) {
   const size_t sizes[] = {1, 15, 16, 17, 100, 4095, 4096, 10000};
   for (size_t size : sizes) {
@@ -173,28 +163,27 @@ TEST_F(PoolChecks, NewBlocksAreNotZeroedAndAreAligned) {
   ExFreePool(cacheAligned);
 }
 
-TEST_F(PoolChecks, WriteBeyondTheEndIsReportedWhenFreed) {
-  wdmsim_test::ExpectViolations expect;
-  unsigned char* block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 10, kTestTag));
-  block[9] = 1;  // the last byte is fine
-  ExFreePool(block);
-  EXPECT_EQ(expect.Total(), 0);
-  block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 10, kTestTag));
-  block[10] = 1;
-  ExFreePool(block);
-  EXPECT_EQ(expect.Count("SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION"), 1);
-}
-
-TEST(PoolWriteAfterFree, IsReportedWhenTheQuarantineIsEmptied) {
+// A write one past the end is found when the block is freed; a write into a freed block
+// when the pool empties its quarantine at the end of the run.
+TEST(PoolCorruption, OverrunIsReportedAtFreeAndWriteAfterFreeAtTheEnd) {
   wdmsim_test::ExpectViolations expect;
   {
     wdmsim::Kernel kernel;
-    unsigned char* block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 32, kTestTag));
+    unsigned char* block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 10, kTestTag));
+    block[9] = 1;  // the last byte is fine
+    ExFreePool(block);
+    EXPECT_EQ(expect.Total(), 0);
+    block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 10, kTestTag));
+    block[10] = 1;
+    ExFreePool(block);
+    EXPECT_EQ(expect.Count("SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION"), 1);
+    block = static_cast<unsigned char*>(ExAllocatePoolWithTag(NonPagedPool, 32, kTestTag));
     ExFreePool(block);
     block[5] = 0;  // the freed block is still held by the pool, so this lands in it
+    EXPECT_EQ(expect.Total(), 1);
   }
-  EXPECT_EQ(expect.Count("SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION"), 1);
-  EXPECT_EQ(expect.Total(), 1);
+  EXPECT_EQ(expect.Count("SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION"), 2);
+  EXPECT_EQ(expect.Total(), 2);
 }
 
 // The driver's operator delete sends every heap block of the program to the pool; one the

@@ -45,9 +45,7 @@ TEST_F(ContiguousMemory, BlocksArePageAlignedWithPhysicalAddressesBelowTheLimit)
   MmFreeContiguousMemory(a);
   MmFreeContiguousMemory(b);
   EXPECT_EQ(wdmsim::LiveContiguousBlockCount(), 0u);
-}
-
-TEST_F(ContiguousMemory, NothingBelowTooLowALimit) {
+  // Nothing fits below too low a limit.
   EXPECT_EQ(MmAllocateContiguousMemory(4096, Limit(0xFFFF)), nullptr);
   EXPECT_EQ(wdmsim::LiveContiguousBlockCount(), 0u);
 }

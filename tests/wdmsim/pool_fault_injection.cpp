@@ -43,6 +43,10 @@ TEST_F(PoolFaults, NthAllocationFromNowFailsExactlyOnce) {
   }
   wdmsim::FailNthPoolAllocation(0);
   EXPECT_TRUE(FailedAmong(3, kTagA).empty());
+  // The count runs over allocations of every tag.
+  wdmsim::FailNthPoolAllocation(2);
+  EXPECT_TRUE(FailedAmong(1, kTagA).empty());
+  EXPECT_EQ(FailedAmong(1, kTagB), std::vector<int>{1});
 }
 
 TEST_F(PoolFaults, EveryAllocationWithTheTagFailsOthersSucceed) {
@@ -60,12 +64,6 @@ TEST_F(PoolFaults, EveryAllocationWithTheTagFailsOthersSucceed) {
   wdmsim::ClearPoolFaults();
   EXPECT_TRUE(FailedAmong(2, kTagA).empty());
   EXPECT_TRUE(FailedAmong(2, kTagB).empty());
-}
-
-TEST_F(PoolFaults, NthCountCountsAllocationsOfEveryTag) {
-  wdmsim::FailNthPoolAllocation(2);
-  EXPECT_TRUE(FailedAmong(1, kTagA).empty());
-  EXPECT_EQ(FailedAmong(1, kTagB), std::vector<int>{1});
 }
 
 TEST_F(PoolFaults, ContiguousAllocationsFailWhenAskedAndCount) {

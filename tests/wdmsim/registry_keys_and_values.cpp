@@ -16,6 +16,7 @@
 namespace {
 
 const std::u16string kServiceKey = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi";
+const wchar_t kServicePath[] = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi";
 
 NTSTATUS OpenKey(HANDLE* handle, const wchar_t* path, ACCESS_MASK access, HANDLE root = nullptr) {
   UNICODE_STRING name;
@@ -47,9 +48,9 @@ NTSTATUS QueryPartial(HANDLE key, const wchar_t* name, std::vector<uint8_t>* buf
   return ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, buffer->data(), length, result);
 }
 
-std::vector<uint8_t> Bytes(const char16_t* text, size_t chars) {
-  const uint8_t* p = reinterpret_cast<const uint8_t*>(text);
-  return std::vector<uint8_t>(p, p + chars * 2);
+std::vector<uint8_t> Bytes(const void* data, size_t size) {
+  const uint8_t* p = static_cast<const uint8_t*>(data);
+  return std::vector<uint8_t>(p, p + size);
 }
 
 class Registry : public testing::Test {
@@ -60,6 +61,12 @@ class Registry : public testing::Test {
   HANDLE Keep(HANDLE h) {
     mOpen.push_back(h);
     return h;
+  }
+  // The service key opened with access; closed at the end of the test.
+  HANDLE Open(ACCESS_MASK access) {
+    HANDLE h = nullptr;
+    EXPECT_EQ(OpenKey(&h, kServicePath, access), STATUS_SUCCESS);
+    return Keep(h);
   }
 
   wdmsim::Kernel mKernel;
@@ -74,9 +81,7 @@ TEST_F(Registry, CreateKeyNeedsItsParentAndTellsNewFromExisting) {
   EXPECT_EQ(h, nullptr);
   EXPECT_FALSE(wdmsim::RegistryKeyExists(u"\\Registry\\Machine\\Missing"));
 
-  ASSERT_EQ(CreateKey(&h, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_ALL_ACCESS,
-                      &disposition),
-            STATUS_SUCCESS);
+  ASSERT_EQ(CreateKey(&h, kServicePath, KEY_ALL_ACCESS, &disposition), STATUS_SUCCESS);
   Keep(h);
   EXPECT_EQ(disposition, static_cast<ULONG>(REG_CREATED_NEW_KEY));
   EXPECT_TRUE(wdmsim::RegistryKeyExists(kServiceKey));
@@ -116,9 +121,7 @@ TEST_F(Registry, OpenKeyFindsKeysByAbsoluteAndRelativePaths) {
 
 TEST_F(Registry, ValuesKeepTheirTypeAndBytes) {
   HANDLE key = nullptr;
-  ASSERT_EQ(CreateKey(&key, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_ALL_ACCESS,
-                      nullptr),
-            STATUS_SUCCESS);
+  ASSERT_EQ(CreateKey(&key, kServicePath, KEY_ALL_ACCESS, nullptr), STATUS_SUCCESS);
   Keep(key);
   const ULONG dword = 0xA1B2C3D4;
   const ULONGLONG qword = 0x1122334455667788ull;
@@ -130,13 +133,11 @@ TEST_F(Registry, ValuesKeepTheirTypeAndBytes) {
     ULONG type;
     std::vector<uint8_t> data;
   } cases[] = {
-      {L"TraceMask", REG_DWORD, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(&dword),
-                                                     reinterpret_cast<const uint8_t*>(&dword) + 4)},
-      {L"Big", REG_QWORD, std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(&qword),
-                                               reinterpret_cast<const uint8_t*>(&qword) + 8)},
-      {L"FamilyName", REG_SZ, Bytes(text, 9)},
-      {L"Ids", REG_MULTI_SZ, Bytes(multi, 9)},
-      {L"Blob", REG_BINARY, std::vector<uint8_t>(binary, binary + sizeof binary)},
+      {L"TraceMask", REG_DWORD, Bytes(&dword, 4)},
+      {L"Big", REG_QWORD, Bytes(&qword, 8)},
+      {L"FamilyName", REG_SZ, Bytes(text, 18)},
+      {L"Ids", REG_MULTI_SZ, Bytes(multi, 18)},
+      {L"Blob", REG_BINARY, Bytes(binary, sizeof binary)},
       {L"Empty", REG_BINARY, {}},
   };
   for (const Case& c : cases) {
@@ -158,7 +159,7 @@ TEST_F(Registry, ValuesKeepTheirTypeAndBytes) {
   auto seen = wdmsim::RegistryGetValue(kServiceKey, u"familyNAME");
   ASSERT_TRUE(seen.has_value());
   EXPECT_EQ(seen->type, static_cast<uint32_t>(REG_SZ));
-  EXPECT_EQ(seen->data, Bytes(text, 9));
+  EXPECT_EQ(seen->data, Bytes(text, 18));
 
   // Writing again replaces type and data.
   ASSERT_EQ(SetValue(key, L"tracemask", REG_BINARY, binary, 2), STATUS_SUCCESS);
@@ -170,10 +171,7 @@ TEST_F(Registry, ValuesKeepTheirTypeAndBytes) {
 
 TEST_F(Registry, QueryValueBufferBoundaries) {
   wdmsim::RegistrySetDword(kServiceKey, u"TraceMask", 0x11223344);
-  HANDLE key = nullptr;
-  ASSERT_EQ(OpenKey(&key, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_READ),
-            STATUS_SUCCESS);
-  Keep(key);
+  HANDLE key = Open(KEY_READ);
   const ULONG fixed = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);  // 12
   const ULONG whole = fixed + 4;
   std::vector<uint8_t> buffer;
@@ -215,13 +213,7 @@ TEST_F(Registry, QueryValueBufferBoundaries) {
 
 TEST_F(Registry, HandlesGrantOnlyTheRightsAskedFor) {
   wdmsim::RegistrySetDword(kServiceKey, u"TraceMask", 3);
-  HANDLE reader = nullptr, writer = nullptr;
-  ASSERT_EQ(OpenKey(&reader, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_READ),
-            STATUS_SUCCESS);
-  Keep(reader);
-  ASSERT_EQ(OpenKey(&writer, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_SET_VALUE),
-            STATUS_SUCCESS);
-  Keep(writer);
+  HANDLE reader = Open(KEY_READ), writer = Open(KEY_SET_VALUE);
   const ULONG seven = 7;
   EXPECT_EQ(SetValue(reader, L"TraceMask", REG_DWORD, &seven, 4), STATUS_ACCESS_DENIED);
   EXPECT_EQ(SetValue(reader, L"NewValue", REG_DWORD, &seven, 4), STATUS_ACCESS_DENIED);
@@ -237,28 +229,18 @@ TEST_F(Registry, HandlesGrantOnlyTheRightsAskedFor) {
   EXPECT_EQ(SetValue(writer, L"TraceMask", REG_DWORD, &seven, 4), STATUS_SUCCESS);
   EXPECT_EQ(wdmsim::RegistryGetValue(kServiceKey, u"TraceMask")->data, (std::vector<uint8_t>{7, 0, 0, 0}));
 
-  HANDLE generic = nullptr;
-  ASSERT_EQ(OpenKey(&generic, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi",
-                    GENERIC_READ | GENERIC_WRITE),
-            STATUS_SUCCESS);
-  Keep(generic);
+  HANDLE generic = Open(GENERIC_READ | GENERIC_WRITE);
   EXPECT_EQ(QueryPartial(generic, L"TraceMask", &buffer, 64, &result), STATUS_SUCCESS);
   EXPECT_EQ(ZwDeleteValueKey(generic, &name), STATUS_SUCCESS);
   EXPECT_EQ(ZwDeleteValueKey(generic, &name), STATUS_OBJECT_NAME_NOT_FOUND);
   EXPECT_FALSE(wdmsim::RegistryGetValue(kServiceKey, u"TraceMask").has_value());
-}
 
-TEST_F(Registry, ClosedHandleIsInvalidEverywhere) {
-  wdmsim::RegistryCreateKey(kServiceKey);
+  // A closed handle is invalid everywhere.
   HANDLE key = nullptr;
-  ASSERT_EQ(OpenKey(&key, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_ALL_ACCESS),
-            STATUS_SUCCESS);
+  ASSERT_EQ(OpenKey(&key, kServicePath, KEY_ALL_ACCESS), STATUS_SUCCESS);
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
   EXPECT_EQ(ZwClose(key), STATUS_INVALID_HANDLE);
-  const ULONG one = 1;
-  EXPECT_EQ(SetValue(key, L"TraceMask", REG_DWORD, &one, 4), STATUS_INVALID_HANDLE);
-  std::vector<uint8_t> buffer;
-  ULONG result;
+  EXPECT_EQ(SetValue(key, L"TraceMask", REG_DWORD, &seven, 4), STATUS_INVALID_HANDLE);
   EXPECT_EQ(QueryPartial(key, L"TraceMask", &buffer, 64, &result), STATUS_INVALID_HANDLE);
   HANDLE child;
   EXPECT_EQ(OpenKey(&child, L"Sub", KEY_READ, key), STATUS_INVALID_HANDLE);
@@ -270,7 +252,7 @@ TEST_F(Registry, ServicesAboveDispatchAreReported) {
   KIRQL old;
   KeRaiseIrql(DISPATCH_LEVEL, &old);
   HANDLE key = nullptr;
-  NTSTATUS status = OpenKey(&key, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_READ);
+  NTSTATUS status = OpenKey(&key, kServicePath, KEY_READ);
   KeLowerIrql(old);
   EXPECT_EQ(status, STATUS_SUCCESS);  // reported, and the service carries on
   EXPECT_EQ(expect.Count("IRQL_NOT_LESS_OR_EQUAL"), 1);
@@ -290,8 +272,7 @@ TEST(RegistryEndOfRun, OpenKeyHandleIsReportedOnceAndTheTreeIsReset) {
     wdmsim::Kernel kernel;
     wdmsim::RegistrySetDword(kServiceKey, u"TraceMask", 1);
     HANDLE key = nullptr;
-    ASSERT_EQ(OpenKey(&key, L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\usbmi", KEY_READ),
-              STATUS_SUCCESS);
+    ASSERT_EQ(OpenKey(&key, kServicePath, KEY_READ), STATUS_SUCCESS);
   }
   EXPECT_EQ(expect.Count("HANDLE_LEAK"), 1);
   EXPECT_EQ(expect.Total(), 1);
