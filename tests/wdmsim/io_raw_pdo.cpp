@@ -2,30 +2,9 @@
 // of a stack that requests reach from the top.
 #include <gtest/gtest.h>
 
-#include <wdmsim/kernel.h>
-
 #include "io_test_driver.h"
 
 namespace {
-
-// Reads and frees an answer string (a multi-string when multi).
-std::vector<std::u16string> TakeStrings(ULONG_PTR information, bool multi) {
-  std::vector<std::u16string> strings;
-  auto at = reinterpret_cast<const char16_t*>(information);
-  do {
-    std::u16string text(at);
-    at += text.size() + 1;
-    if (text.empty() && multi) break;
-    strings.push_back(text);
-  } while (multi);
-  ExFreePool(reinterpret_cast<PVOID>(information));
-  return strings;
-}
-
-IO_STATUS_BLOCK QueryId(PDEVICE_OBJECT device, BUS_QUERY_ID_TYPE type) {
-  return wdmsim::SendPnpIrp(device, IRP_MN_QUERY_ID,
-                            [type](IO_STACK_LOCATION& stack) { stack.Parameters.QueryId.IdType = type; });
-}
 
 class RawPdo : public ::testing::Test {
  protected:
@@ -43,25 +22,17 @@ TEST_F(RawPdo, AnswersIdentityQueriesFromItsOptions) {
   EXPECT_TRUE(pdo->Flags & DO_BUS_ENUMERATED_DEVICE);
   EXPECT_FALSE(pdo->Flags & DO_DEVICE_INITIALIZING);
 
-  IO_STATUS_BLOCK id = QueryId(pdo, BusQueryDeviceID);
-  ASSERT_EQ(id.Status, STATUS_SUCCESS);
-  EXPECT_EQ(TakeStrings(id.Information, false), std::vector<std::u16string>{u"USB\\VID_1234&PID_0001"});
-  IO_STATUS_BLOCK hardware = QueryId(pdo, BusQueryHardwareIDs);
-  ASSERT_EQ(hardware.Status, STATUS_SUCCESS);
-  EXPECT_EQ(TakeStrings(hardware.Information, true), options.hardwareIds);
-  IO_STATUS_BLOCK instance = QueryId(pdo, BusQueryInstanceID);
-  ASSERT_EQ(instance.Status, STATUS_SUCCESS);
-  EXPECT_EQ(TakeStrings(instance.Information, false), std::vector<std::u16string>{u"7&1a2b"});
+  using iotest::QueryIds;
+  EXPECT_EQ(QueryIds(pdo, BusQueryDeviceID), std::vector<std::u16string>{u"USB\\VID_1234&PID_0001"});
+  EXPECT_EQ(QueryIds(pdo, BusQueryHardwareIDs), options.hardwareIds);
+  EXPECT_EQ(QueryIds(pdo, BusQueryInstanceID), std::vector<std::u16string>{u"7&1a2b"});
+  EXPECT_EQ(iotest::QueryText(pdo, DeviceTextDescription), u"Test gadget");
   // Nothing configured: the query keeps the status the PnP manager preset.
-  IO_STATUS_BLOCK compatible = QueryId(pdo, BusQueryCompatibleIDs);
+  IO_STATUS_BLOCK compatible = wdmsim::SendPnpIrp(pdo, IRP_MN_QUERY_ID, [](IO_STACK_LOCATION& stack) {
+    stack.Parameters.QueryId.IdType = BusQueryCompatibleIDs;
+  });
   EXPECT_EQ(compatible.Status, STATUS_NOT_SUPPORTED);
   EXPECT_EQ(compatible.Information, 0u);
-
-  IO_STATUS_BLOCK text = wdmsim::SendPnpIrp(pdo, IRP_MN_QUERY_DEVICE_TEXT, [](IO_STACK_LOCATION& stack) {
-    stack.Parameters.QueryDeviceText.DeviceTextType = DeviceTextDescription;
-  });
-  ASSERT_EQ(text.Status, STATUS_SUCCESS);
-  EXPECT_EQ(TakeStrings(text.Information, false), std::vector<std::u16string>{u"Test gadget"});
   EXPECT_EQ(wdmsim::SendPnpIrp(pdo, IRP_MN_QUERY_DEVICE_TEXT,
                                [](IO_STACK_LOCATION& stack) {
                                  stack.Parameters.QueryDeviceText.DeviceTextType = DeviceTextLocationInformation;

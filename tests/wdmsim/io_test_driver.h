@@ -79,6 +79,10 @@ class IoTest : public ::testing::Test {
 
 inline const char kIoViolation[] = "DRIVER_VERIFIER_IOMANAGER_VIOLATION";
 
+// PnP answers of device's stack, freed after reading; empty when the query failed.
+std::vector<std::u16string> QueryIds(PDEVICE_OBJECT device, BUS_QUERY_ID_TYPE type);
+std::u16string QueryText(PDEVICE_OBJECT device, DEVICE_TEXT_TYPE type);
+
 // Violations recorded since the last call whose bugcheck is bugcheck and whose message
 // contains text.
 int CountViolations(const std::vector<wdmsim::Violation>& violations, const std::string& bugcheck,

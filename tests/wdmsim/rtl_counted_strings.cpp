@@ -28,18 +28,14 @@ UNICODE_STRING Counted(const wchar_t* text) {
 
 TEST(UnicodeString, InitCountsBytesWithoutTheTerminator) {
   UNICODE_STRING s;
-  RtlInitUnicodeString(&s, L"usbmi");
-  EXPECT_EQ(s.Length, 10);
-  EXPECT_EQ(s.MaximumLength, 12);
-  RtlInitUnicodeString(&s, L"");
-  EXPECT_EQ(s.Length, 0);
-  EXPECT_EQ(s.MaximumLength, 2);
-  RtlInitUnicodeString(&s, nullptr);
-  EXPECT_EQ(s.Length, 0);
-  EXPECT_EQ(s.MaximumLength, 0);
-  EXPECT_EQ(s.Buffer, nullptr);
-
   ANSI_STRING a;
+  for (const wchar_t* text : {L"usbmi", L"", static_cast<const wchar_t*>(nullptr)}) {
+    RtlInitUnicodeString(&s, text);
+    const USHORT chars = text ? static_cast<USHORT>(wcslen(text)) : 0;
+    EXPECT_EQ(s.Length, 2 * chars);
+    EXPECT_EQ(s.MaximumLength, text ? 2 * chars + 2 : 0);
+    EXPECT_EQ(s.Buffer, text);
+  }
   RtlInitAnsiString(&a, "usbmi");
   EXPECT_EQ(a.Length, 5);
   EXPECT_EQ(a.MaximumLength, 6);
@@ -154,13 +150,11 @@ TEST_F(RuntimeStrings, AnsiToUnicodeAllocatesFromThePoolAndFreeReleases) {
 
   wdmsim::FailPoolAllocationsWithTag(kRuntimeStringTag);
   EXPECT_EQ(RtlAnsiStringToUnicodeString(&unicode, &ansi, TRUE), STATUS_NO_MEMORY);
-}
 
-TEST_F(RuntimeStrings, AnsiToUnicodeIntoTheCallersBuffer) {
-  ANSI_STRING ansi;
+  // Into the caller's buffer: the terminator must fit as well.
   RtlInitAnsiString(&ansi, "abc");
   WCHAR buffer[4] = {L'#', L'#', L'#', L'#'};
-  UNICODE_STRING unicode = {0, 6, buffer};  // three characters fit, the terminator does not
+  unicode = {0, 6, buffer};
   EXPECT_EQ(RtlAnsiStringToUnicodeString(&unicode, &ansi, FALSE), STATUS_BUFFER_OVERFLOW);
   unicode.MaximumLength = 8;
   EXPECT_EQ(RtlAnsiStringToUnicodeString(&unicode, &ansi, FALSE), STATUS_SUCCESS);

@@ -5,24 +5,6 @@
 #include <gtest/gtest.h>
 
 namespace usbtest {
-namespace {
-
-std::vector<std::u16string> TakeStrings(ULONG_PTR information, bool multi) {
-  std::vector<std::u16string> strings;
-  auto at = reinterpret_cast<const char16_t*>(information);
-  if (at == nullptr) return strings;
-  do {
-    std::u16string text(at);
-    at += text.size() + 1;
-    if (text.empty() && multi) break;
-    strings.push_back(text);
-  } while (multi);
-  ExFreePool(reinterpret_cast<PVOID>(information));
-  return strings;
-}
-
-}  // namespace
-
 NTSTATUS SendInternal(PDEVICE_OBJECT device, ULONG code, PVOID argument1) {
   KEVENT event;
   KeInitializeEvent(&event, NotificationEvent, FALSE);
@@ -108,22 +90,6 @@ ConfigurationRequest::ConfigurationRequest(const std::vector<uint8_t>& set) : mS
 
 ConfigurationRequest::~ConfigurationRequest() {
   if (mUrb != nullptr) ExFreePool(mUrb);
-}
-
-std::vector<std::u16string> QueryIds(PDEVICE_OBJECT device, BUS_QUERY_ID_TYPE type) {
-  IO_STATUS_BLOCK result = wdmsim::SendPnpIrp(
-      device, IRP_MN_QUERY_ID, [type](IO_STACK_LOCATION& stack) { stack.Parameters.QueryId.IdType = type; });
-  if (!NT_SUCCESS(result.Status)) return {};
-  return TakeStrings(result.Information, type == BusQueryHardwareIDs || type == BusQueryCompatibleIDs);
-}
-
-std::u16string QueryText(PDEVICE_OBJECT device, DEVICE_TEXT_TYPE type) {
-  IO_STATUS_BLOCK result = wdmsim::SendPnpIrp(device, IRP_MN_QUERY_DEVICE_TEXT, [type](IO_STACK_LOCATION& stack) {
-    stack.Parameters.QueryDeviceText.DeviceTextType = type;
-  });
-  if (!NT_SUCCESS(result.Status)) return u"";
-  std::vector<std::u16string> strings = TakeStrings(result.Information, false);
-  return strings.empty() ? u"" : strings[0];
 }
 
 }  // namespace usbtest

@@ -13,6 +13,8 @@
 #include <usbdlib.h>
 #include <usbioctl.h>
 
+#include "io_test_driver.h"
+
 namespace usbtest {
 
 // An internal device control request to the top of the stack that device belongs to,
@@ -69,8 +71,7 @@ class ConfigurationRequest {
   PURB mUrb = nullptr;
 };
 
-// PnP answers, freed after reading.
-std::vector<std::u16string> QueryIds(PDEVICE_OBJECT device, BUS_QUERY_ID_TYPE type);
-std::u16string QueryText(PDEVICE_OBJECT device, DEVICE_TEXT_TYPE type);
+using iotest::QueryIds;
+using iotest::QueryText;
 
 }  // namespace usbtest

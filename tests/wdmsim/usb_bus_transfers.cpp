@@ -36,25 +36,43 @@ TEST_F(UsbBusTransfers, DescriptorsArriveAsynchronouslyAtDispatchLevelAndShortRe
     EXPECT_EQ(STATUS_SUCCESS, pending.status());
   }
   EXPECT_EQ(firmware->Description().device, device);
-  EXPECT_EQ(18u, urb->UrbControlDescriptorRequest.TransferBufferLength);
 
-  // The second configuration's header only, then the whole set into a larger buffer.
-  const Bytes& set = firmware->Description().configurations[1];
-  Bytes header(9);
-  urb = usbtest::DescriptorRequest(USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 0, header.data(), 9);
-  ASSERT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, urb.get()));
-  EXPECT_EQ(9u, urb->UrbControlDescriptorRequest.TransferBufferLength);
-  EXPECT_EQ(Bytes(set.begin(), set.begin() + 9), header);
-  Bytes whole(set.size() + 10, 0xEE);
-  urb = usbtest::DescriptorRequest(USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 0, whole.data(), whole.size());
-  ASSERT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, urb.get()));
-  EXPECT_EQ(set.size(), urb->UrbControlDescriptorRequest.TransferBufferLength);
-  EXPECT_EQ(set, Bytes(whole.begin(), whole.begin() + set.size()));
-  EXPECT_EQ(0xEE, whole[set.size()]);
+  // Every read gets min(asked, bLength or wTotalLength) bytes and nothing past them; what
+  // the device lacks stalls.
+  const wdmsim::UsbDeviceDescription& d = firmware->Description();
+  struct Case {
+    uint8_t type, index;
+    ULONG length;
+    const Bytes* source;  // nullptr: the device stalls
+    ULONG expected;
+  };
+  const Case cases[] = {
+      {1, 0, 8, &d.device, 8},       {1, 0, 17, &d.device, 17},   {1, 0, 18, &d.device, 18},
+      {1, 0, 19, &d.device, 18},     {1, 0, 0xFFFF, &d.device, 18},
+      {2, 0, 9, &d.configurations[0], 9}, {2, 0, 179, &d.configurations[0], 179},
+      {2, 0, 180, &d.configurations[0], 180}, {2, 0, 181, &d.configurations[0], 180},
+      {2, 1, 255, &d.configurations[1], 91}, {2, 2, 9, nullptr, 0},  // no third configuration
+      {6, 0, 10, nullptr, 0},                                          // no device qualifier
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "type " << int(c.type) << " index " << int(c.index) << " length " << c.length);
+    Bytes buffer(c.length + 8, 0xEE);
+    urb = usbtest::DescriptorRequest(c.type, c.index, 0, buffer.data(), c.length);
+    if (c.source == nullptr) {
+      EXPECT_EQ(STATUS_UNSUCCESSFUL, usbtest::SubmitUrb(pdo, urb.get()));
+      EXPECT_EQ(USBD_STATUS_STALL_PID, urb->UrbHeader.Status);
+      continue;
+    }
+    ASSERT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, urb.get()));
+    EXPECT_EQ(c.expected, urb->UrbControlDescriptorRequest.TransferBufferLength);
+    Bytes expected(c.source->begin(), c.source->begin() + c.expected);
+    expected.resize(buffer.size(), 0xEE);
+    EXPECT_EQ(expected, buffer);
+  }
 
   // A string in the table's language; an index the device lacks stalls.
   Bytes text(64);
-  urb = usbtest::DescriptorRequest(USB_STRING_DESCRIPTOR_TYPE, firmware->Description().device[15], 0x0409, text.data(), 64);
+  urb = usbtest::DescriptorRequest(USB_STRING_DESCRIPTOR_TYPE, d.device[15], 0x0409, text.data(), 64);
   ASSERT_EQ(STATUS_SUCCESS, usbtest::SubmitUrb(pdo, urb.get()));
   EXPECT_EQ(2 + 2 * 28u, urb->UrbControlDescriptorRequest.TransferBufferLength);  // "wdmsim Demo Composite Device"
   EXPECT_EQ('w', text[2]);

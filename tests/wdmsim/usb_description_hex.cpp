@@ -48,9 +48,8 @@ TEST(UsbDescriptionHex, ReadsDescriptorsCommentsStringsAndSerial) {
   EXPECT_EQ(d.strings.at(UsbStringKey{3, 0x0407}), u"SN-7");
   EXPECT_EQ(d.SerialNumber(), std::u16string(u"SN-7"));
   EXPECT_EQ(d.strings.size(), 4u);
-}
 
-TEST(UsbDescriptionHex, LanguageTableDefaultsOnlyWhenThereAreStrings) {
+  // The language table defaults to US English only when there are strings.
   auto bare = wdmsim::ParseHexDescription(Minimal(), "t.hex");
   ASSERT_TRUE(bare) << bare.error.Message();
   EXPECT_TRUE(bare.description->languages.empty());

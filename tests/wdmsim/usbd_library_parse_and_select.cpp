@@ -51,13 +51,6 @@ class UsbdLibrary : public testing::Test {
   std::vector<UCHAR> mSet = CompositeSet();
 };
 
-TEST_F(UsbdLibrary, VersionReportsUsbdiAndUsb2) {
-  USBD_VERSION_INFORMATION version{0xDEADBEEF, 0xDEADBEEF};
-  USBD_GetUSBDIVersion(&version);
-  EXPECT_EQ(version.USBDI_Version, static_cast<ULONG>(USBDI_VERSION));
-  EXPECT_EQ(version.Supported_USB_Version, 0x200u);
-}
-
 TEST_F(UsbdLibrary, ParseDescriptorsFindsTypeFromStartAndStopsAtBadFraming) {
   const ULONG total = static_cast<ULONG>(mSet.size());
   PUSB_COMMON_DESCRIPTOR first = USBD_ParseDescriptors(mSet.data(), total, mSet.data(), USB_ENDPOINT_DESCRIPTOR_TYPE);
