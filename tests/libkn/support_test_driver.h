@@ -17,6 +17,19 @@
 
 namespace kntest {
 
+// Whether text holds part; the message (shown by a failing EXPECT_TRUE or EXPECT_FALSE)
+// quotes the whole text.
+inline testing::AssertionResult Has(const std::string& text, const std::string& part) {
+  const bool found = text.find(part) != std::string::npos;
+  return (found ? testing::AssertionSuccess() : testing::AssertionFailure())
+         << "'" << part << (found ? "' in:\n" : "' not in:\n") << text;
+}
+// Passes when text holds part exactly if expected.
+inline testing::AssertionResult HasIf(bool expected, const std::string& text, const std::string& part) {
+  testing::AssertionResult found = Has(text, part);
+  return bool(found) == expected ? testing::AssertionSuccess() : found;
+}
+
 const char16_t kTestServiceName[] = u"kntest";
 
 struct TestDriverSettings {
