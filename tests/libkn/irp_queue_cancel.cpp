@@ -8,29 +8,17 @@
 #include <string>
 #include <vector>
 
-#include <wdmsim/debugout.h>
-#include <wdmsim/kernel.h>
-
 #include "irp_queue_test_irp.h"
-#include "kntrace.h"
 
 namespace {
 
 using irp_queue_test::Cancelled;
 using irp_queue_test::Completed;
 using irp_queue_test::Entry;
-using irp_queue_test::EventLog;
-using irp_queue_test::RecordingQueue;
 using irp_queue_test::TestIrp;
 
-class IrpQueueTest : public testing::Test {
+class IrpQueueTest : public irp_queue_test::QueueTest {
  protected:
-  void SetUp() override {
-    KnTraceSetPrefix("kntest");
-    gKnTraceMask = 3;
-    wdmsim::TakeDebugOutput();
-  }
-
   // Plays the I/O manager half-way through IoCancelIrp: the Cancel flag is set and the
   // cancel routine has been taken out of the IRP, but not called yet.
   static PDRIVER_CANCEL BeginCancel(PIRP irp) {
@@ -44,10 +32,6 @@ class IrpQueueTest : public testing::Test {
     irp->CancelIrql = irql;
     routine(nullptr, irp);
   }
-
-  wdmsim::Kernel mKernel;
-  EventLog mLog;
-  RecordingQueue mQueue{&mLog};
 };
 
 TEST_F(IrpQueueTest, RemovesOldestFirstAndHeadInsertionsNext) {
@@ -108,9 +92,9 @@ TEST_F(IrpQueueTest, IrpCancelledBeforeInsertIsCompletedAtOnceWithoutIrpCancelle
   EXPECT_EQ(nullptr, mQueue.RemoveIrp());
 }
 
-TEST_F(IrpQueueTest, CancelAllIrpsOfOneFileObjectKeepsTheOthersInOrder) {
-  FILE_OBJECT mine = {}, other = {};
-  TestIrp a(&mLog, &mine), b(&mLog, &other), c(&mLog, &mine), d(&mLog, &other), e(&mLog, &mine);
+TEST_F(IrpQueueTest, CancelAllIrpsOfOneFileObjectKeepsTheOthersInOrderAndWithoutOneTakesEverything) {
+  FILE_OBJECT mine = {}, other = {}, unrelated = {};
+  TestIrp a(&mLog, &mine), b(&mLog, &other), c(&mLog, &mine), d(&mLog, &other), e(&mLog, &mine), f(&mLog);
   for (TestIrp* irp : {&a, &b, &c, &d, &e}) mQueue.InsertTail(irp->irp());
 
   mQueue.CancelAllIrps(&mine);
@@ -120,79 +104,58 @@ TEST_F(IrpQueueTest, CancelAllIrpsOfOneFileObjectKeepsTheOthersInOrder) {
     EXPECT_EQ(STATUS_CANCELLED, irp->status());
     EXPECT_EQ(0u, irp->information());
   }
-  EXPECT_EQ(0, b.completions());
-
   // A file object with nothing queued changes nothing.
-  FILE_OBJECT unrelated = {};
   mQueue.CancelAllIrps(&unrelated);
   EXPECT_TRUE(mLog.Take().empty());
 
-  // The rest is still cancellable by its sender, and in order.
-  TestIrp f(&mLog, &other);
+  // The rest is still in order, and cancellable by its sender.
   mQueue.InsertIrp(f.irp(), TRUE);
   EXPECT_EQ(f.irp(), mQueue.RemoveIrp());
-  EXPECT_EQ(b.irp(), mQueue.RemoveIrp());
+  mQueue.InsertIrp(f.irp(), TRUE);
   EXPECT_TRUE(IoCancelIrp(d.irp()));
   EXPECT_EQ((std::vector<Entry>{Cancelled(d.irp()), Completed(d.irp())}), mLog.Take());
-  EXPECT_TRUE(mQueue.IsEmpty());
-  f.Complete(STATUS_SUCCESS);
-  b.Complete(STATUS_SUCCESS);
-}
 
-TEST_F(IrpQueueTest, CancelAllIrpsWithoutFileObjectTakesEverything) {
-  FILE_OBJECT fileObject = {};
-  TestIrp a(&mLog), b(&mLog, &fileObject);
-  mQueue.InsertTail(a.irp());
-  mQueue.InsertTail(b.irp());
   mQueue.CancelAllIrps(nullptr);
-  EXPECT_EQ((std::vector<Entry>{Completed(a.irp()), Completed(b.irp())}), mLog.Take());
+  EXPECT_EQ((std::vector<Entry>{Completed(f.irp()), Completed(b.irp())}), mLog.Take());
   EXPECT_TRUE(mQueue.IsEmpty());
   // Their cancel routines were withdrawn before completion.
-  EXPECT_FALSE(IoCancelIrp(a.irp()));
+  EXPECT_FALSE(IoCancelIrp(b.irp()));
+  EXPECT_EQ(1, f.completions());
 }
 
-TEST_F(IrpQueueTest, RemoverThatLosesToARunningCancelLeavesTheIrpToTheCancelRoutine) {
-  TestIrp a(&mLog), b(&mLog);
-  mQueue.InsertTail(a.irp());
-  mQueue.InsertTail(b.irp());
-
-  PDRIVER_CANCEL routine = BeginCancel(a.irp());
-  ASSERT_NE(nullptr, routine);
-  // The remover skips the IRP whose cancellation is under way and hands out the next.
-  EXPECT_EQ(b.irp(), mQueue.RemoveIrp());
-  EXPECT_EQ(nullptr, mQueue.RemoveIrp());
-  EXPECT_TRUE(mQueue.IsEmpty());
-  EXPECT_TRUE(mLog.Take().empty());
-
-  FinishCancel(routine, a.irp());
-  EXPECT_EQ((std::vector<Entry>{Cancelled(a.irp()), Completed(a.irp())}), mLog.Take());
-  EXPECT_EQ(STATUS_CANCELLED, a.status());
-  b.Complete(STATUS_SUCCESS);
-}
-
-TEST_F(IrpQueueTest, CancelAllIrpsThatLosesToARunningCancelLeavesTheIrpToTheCancelRoutine) {
-  TestIrp a(&mLog), b(&mLog);
-  mQueue.InsertTail(a.irp());
-  mQueue.InsertTail(b.irp());
-
-  PDRIVER_CANCEL routine = BeginCancel(b.irp());
-  mQueue.CancelAllIrps(nullptr);
-  EXPECT_EQ((std::vector<Entry>{Completed(a.irp())}), mLog.Take());
-  EXPECT_TRUE(mQueue.IsEmpty());
-
-  FinishCancel(routine, b.irp());
-  EXPECT_EQ((std::vector<Entry>{Cancelled(b.irp()), Completed(b.irp())}), mLog.Take());
-}
-
-TEST_F(IrpQueueTest, IrpBeingCancelledCountsAsQueuedUntilItsCancelRoutineUnlinksIt) {
-  TestIrp a(&mLog);
-  mQueue.InsertTail(a.irp());
-  PDRIVER_CANCEL routine = BeginCancel(a.irp());
-  // No remover moved it aside: it is still on the queue proper.
-  EXPECT_FALSE(mQueue.IsEmpty());
-  FinishCancel(routine, a.irp());
-  EXPECT_EQ((std::vector<Entry>{Cancelled(a.irp()), Completed(a.irp())}), mLog.Take());
-  EXPECT_TRUE(mQueue.IsEmpty());
+// The sender's IoCancelIrp has taken the cancel routine but not yet run it when a remover,
+// CancelAllIrps or nobody comes along: the IRP under cancellation stays on the queue proper
+// (the queue is not empty), is skipped by the others, and its routine completes it exactly once.
+TEST_F(IrpQueueTest, IrpWhoseCancelIsUnderWayIsLeftToTheCancelRoutine) {
+  enum class Meanwhile { Nobody, Remover, CancelAll };
+  for (Meanwhile meanwhile : {Meanwhile::Nobody, Meanwhile::Remover, Meanwhile::CancelAll}) {
+    SCOPED_TRACE(int(meanwhile));
+    TestIrp a(&mLog), b(&mLog);
+    mQueue.InsertTail(a.irp());
+    if (meanwhile == Meanwhile::Nobody) b.Complete(STATUS_SUCCESS);  // never queued
+    if (meanwhile != Meanwhile::Nobody) mQueue.InsertTail(b.irp());
+    mLog.Take();
+    PDRIVER_CANCEL routine = BeginCancel(a.irp());
+    ASSERT_NE(nullptr, routine);
+    if (meanwhile == Meanwhile::Nobody) {
+      EXPECT_FALSE(mQueue.IsEmpty());
+    } else if (meanwhile == Meanwhile::Remover) {
+      EXPECT_EQ(b.irp(), mQueue.RemoveIrp());
+      EXPECT_EQ(nullptr, mQueue.RemoveIrp());
+      EXPECT_TRUE(mQueue.IsEmpty());
+      EXPECT_TRUE(mLog.Take().empty());
+      b.Complete(STATUS_SUCCESS);
+      mLog.Take();
+    } else {
+      mQueue.CancelAllIrps(nullptr);
+      EXPECT_EQ((std::vector<Entry>{Completed(b.irp())}), mLog.Take());
+      EXPECT_TRUE(mQueue.IsEmpty());
+    }
+    FinishCancel(routine, a.irp());
+    EXPECT_EQ((std::vector<Entry>{Cancelled(a.irp()), Completed(a.irp())}), mLog.Take());
+    EXPECT_EQ(STATUS_CANCELLED, a.status());
+    EXPECT_TRUE(mQueue.IsEmpty());
+  }
 }
 
 TEST_F(IrpQueueTest, IrpThatAlreadyCarriesACancelRoutineIsReportedAndQueuedAnyway) {

@@ -13,20 +13,14 @@
 #include <thread>
 #include <vector>
 
-#include <wdmsim/debugout.h>
-#include <wdmsim/kernel.h>
-
 #include "irp_queue_test_irp.h"
 #include "knsystemthread.h"
-#include "kntrace.h"
 
 namespace {
 
 using irp_queue_test::Cancelled;
 using irp_queue_test::Completed;
 using irp_queue_test::Entry;
-using irp_queue_test::EventLog;
-using irp_queue_test::RecordingQueue;
 using irp_queue_test::TestIrp;
 
 const int kRounds = 2000;
@@ -104,21 +98,15 @@ bool Contains(const std::vector<Entry>& log, const Entry& entry) {
   return false;
 }
 
-class IrpQueueRaceTest : public testing::Test {
+class IrpQueueRaceTest : public irp_queue_test::QueueTest {
  protected:
-  void SetUp() override {
-    KnTraceSetPrefix("kntest");
-    gKnTraceMask = 3;
-    wdmsim::TakeDebugOutput();
-  }
   void TearDown() override {
     // The cancel routine always found its queue ("Queue!=NULL") and nothing else misfired.
     EXPECT_EQ("", wdmsim::TakeDebugOutput());
+    RecordProperty("CancelWon", mCancelWon);
+    RecordProperty("OtherWon", mOtherWon);
   }
 
-  wdmsim::Kernel mKernel;
-  EventLog mLog;
-  RecordingQueue mQueue{&mLog};
   std::unique_ptr<TestIrp> mX, mY;
   std::atomic<bool> mCancelCalledRoutine{false};
   // How often each side won, as evidence that the race was really run both ways.
@@ -163,8 +151,6 @@ TEST_F(IrpQueueRaceTest, CancelRacingRemoveRace) {
     mY.reset();
   };
   race.Run(kRounds);
-  RecordProperty("CancelWon", mCancelWon);
-  RecordProperty("RemoveWon", mOtherWon);
 }
 
 TEST_F(IrpQueueRaceTest, CancelRacingInsertRace) {
@@ -192,8 +178,6 @@ TEST_F(IrpQueueRaceTest, CancelRacingInsertRace) {
     mX.reset();
   };
   race.Run(kRounds);
-  RecordProperty("CancelRoutineCalled", mCancelWon);
-  RecordProperty("CompletedByInsert", mOtherWon);
 }
 
 TEST_F(IrpQueueRaceTest, InsertRemoveAndCancelRace) {
@@ -229,8 +213,6 @@ TEST_F(IrpQueueRaceTest, InsertRemoveAndCancelRace) {
   };
   // Three racers on what may be two processors: fewer, slower rounds.
   race.Run(kRounds / 4);
-  RecordProperty("Cancelled", mCancelWon);
-  RecordProperty("Removed", mOtherWon);
 }
 
 TEST_F(IrpQueueRaceTest, CancelAllIrpsRacingCancelRace) {
@@ -260,8 +242,6 @@ TEST_F(IrpQueueRaceTest, CancelAllIrpsRacingCancelRace) {
     mY.reset();
   };
   race.Run(kRounds);
-  RecordProperty("CancelWon", mCancelWon);
-  RecordProperty("CancelAllWon", mOtherWon);
 }
 
 }  // namespace

@@ -9,7 +9,12 @@
 #include <ostream>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <wdmsim/debugout.h>
+#include <wdmsim/kernel.h>
+
 #include "knirpqueue.h"
+#include "kntrace.h"
 
 namespace irp_queue_test {
 
@@ -104,6 +109,20 @@ class RecordingQueue : public KnIrpQueue {
 
  private:
   EventLog* mLog;
+};
+
+// A queue that logs, on a fresh simulated machine, with "kntest" traces.
+class QueueTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    KnTraceSetPrefix("kntest");
+    gKnTraceMask = 3;
+    wdmsim::TakeDebugOutput();
+  }
+
+  wdmsim::Kernel mKernel;
+  EventLog mLog;
+  RecordingQueue mQueue{&mLog};
 };
 
 }  // namespace irp_queue_test
