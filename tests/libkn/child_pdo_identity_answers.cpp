@@ -18,11 +18,10 @@
 
 namespace {
 
+using kntest::Has;
 using kntest::TestChildPdo;
 
 const ULONG kAboveTag = 0x65766F41;  // "Abov": the answer of a driver above the child
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // The UTF-16 bytes of text, in which '|' stands for a NUL.
 std::vector<uint8_t> Utf16(const std::string& text) {
@@ -93,10 +92,9 @@ TEST_F(ChildIdentityTest, IdentifiersAndTextsAreAnsweredByteForByte) {
   EXPECT_EQ(Utf16("Serial|"), Answer(QueryText(DeviceTextDescription)));
   EXPECT_EQ(Utf16("Port_#0001|"), Answer(QueryText(DeviceTextLocationInformation)));
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, ":USB\\VID_1234&PID_0001&REV_0100&MI_00 KnBusChildPdo::OnPnPQueryId: Type is 00000001 "
-                              "(BusQueryHardwareIDs)\n")) << trace;
-  EXPECT_TRUE(Contains(trace, " KnBusChildPdo::OnPnPQueryDeviceText: Type is 00000000 (DeviceTextDescription)\n"))
-      << trace;
+  EXPECT_TRUE(Has(trace, ":USB\\VID_1234&PID_0001&REV_0100&MI_00 KnBusChildPdo::OnPnPQueryId: Type is 00000001 "
+                              "(BusQueryHardwareIDs)\n"));
+  EXPECT_TRUE(Has(trace, " KnBusChildPdo::OnPnPQueryDeviceText: Type is 00000000 (DeviceTextDescription)\n"));
 }
 
 TEST_F(ChildIdentityTest, TypesWithoutDataAreNotSupported) {
@@ -118,7 +116,7 @@ TEST_F(ChildIdentityTest, TypesWithoutDataAreNotSupported) {
     SCOPED_TRACE(m.trace);
     EXPECT_EQ(STATUS_NOT_SUPPORTED, m.result.Status);
     EXPECT_EQ(0u, m.result.Information);
-    EXPECT_TRUE(Contains(trace, m.trace)) << trace;
+    EXPECT_TRUE(Has(trace, m.trace));
   }
   EXPECT_EQ(0u, wdmsim::LivePoolBlockCount(KN_CHILD_ANSWER_TAG));
 }
@@ -136,9 +134,8 @@ TEST_F(ChildIdentityTest, PoolExhaustionFailsAnswersAndLeavesStoredStringsConsis
     EXPECT_EQ(0u, result.Information);
   }
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, ":HW1 KnBusChildPdo::OnPnPQueryId: ExAllocatePoolWithTag failed\n")) << trace;
-  EXPECT_TRUE(Contains(trace, ":HW1 KnBusChildPdo::OnPnPQueryDeviceRelations: ExAllocatePoolWithTag failed\n"))
-      << trace;
+  EXPECT_TRUE(Has(trace, ":HW1 KnBusChildPdo::OnPnPQueryId: ExAllocatePoolWithTag failed\n"));
+  EXPECT_TRUE(Has(trace, ":HW1 KnBusChildPdo::OnPnPQueryDeviceRelations: ExAllocatePoolWithTag failed\n"));
 
   // Storing fails: a list keeps what it had, a replaced string is gone.
   wdmsim::FailPoolAllocationsWithTag(KN_CHILD_STRING_TAG);
@@ -160,13 +157,13 @@ TEST_F(ChildIdentityTest, TargetRelationIsTheChildItselfAndOtherTypesKeepTheIrpA
   EXPECT_EQ(0u, wdmsim::LivePoolBlockCount(kAboveTag));  // the attached answer was freed
   EXPECT_EQ(1, wdmsim::DeviceObjectReferences(mChild->GetDeviceObject()));
   EXPECT_EQ(std::vector<PDEVICE_OBJECT>{mChild->GetDeviceObject()}, kntest::TakeRelations(target.Information));
-  EXPECT_TRUE(Contains(TakeTrace(), "KnBusChildPdo::OnPnPQueryDeviceRelations: DEVICE_RELATIONS structure ("));
+  EXPECT_TRUE(Has(TakeTrace(), "KnBusChildPdo::OnPnPQueryDeviceRelations: DEVICE_RELATIONS structure ("));
 
   const ULONG_PTR sentinel = 0x5EB71E15;
   IO_STATUS_BLOCK bus = QueryRelation(BusRelations, sentinel);
   EXPECT_EQ(STATUS_NOT_SUPPORTED, bus.Status);
   EXPECT_EQ(sentinel, bus.Information);
-  EXPECT_TRUE(Contains(TakeTrace(), "KnBusChildPdo::OnPnPQueryDeviceRelations: Ignoring type 00000000 (BusRelations)\n"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnBusChildPdo::OnPnPQueryDeviceRelations: Ignoring type 00000000 (BusRelations)\n"));
   wdmsim::DeleteRawPdo(other);
 }
 

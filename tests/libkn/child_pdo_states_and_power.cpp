@@ -17,10 +17,10 @@
 
 namespace {
 
+using kntest::Has;
+using kntest::HasIf;
 using kntest::TestChildPdo;
 using Events = std::vector<std::string>;
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // The status a request arrives with, when nobody answered it on the way: a request the
 // child does not handle must keep it.
@@ -116,9 +116,9 @@ TEST_F(ChildStatesTest, EachStateAndRequestRunsItsHookUnderTheParentsLock) {
     EXPECT_EQ(t.after, mChild->GetPnPState());
     EXPECT_EQ(0, mJournal.lockDepth);
     std::string trace = TakeTrace();
-    EXPECT_EQ(t.sourceStateAsserted, Contains(trace, "ASSERTION FAILED")) << trace;
-    EXPECT_TRUE(Contains(trace, ":KN\\CHILD [KnBusChildPdo::OnDispatchPnp 0x")) << trace;
-    EXPECT_TRUE(Contains(trace, "]KnBusChildPdo::OnDispatchPnp ")) << trace;
+    EXPECT_TRUE(HasIf(t.sourceStateAsserted, trace, "ASSERTION FAILED"));
+    EXPECT_TRUE(Has(trace, ":KN\\CHILD [KnBusChildPdo::OnDispatchPnp 0x"));
+    EXPECT_TRUE(Has(trace, "]KnBusChildPdo::OnDispatchPnp "));
     EXPECT_EQ(0u, wdmsim::LiveIrpCount());
   }
 }
@@ -129,11 +129,9 @@ TEST_F(ChildStatesTest, FailuresAndUnsupportedRequestsAreTracedWithTheChildsName
   Send(IRP_MJ_PNP, IRP_MN_START_DEVICE);
   Send(IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE);
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, "fw:KN\\CHILD KnBusChildPdo::OnDispatchPnp: OnPnpStartDevice failed, stat=0xC0000182"))
-      << trace;
-  EXPECT_TRUE(Contains(trace, "fw:KN\\CHILD KnBusChildPdo::OnDispatchPnp: unsupported MinorFunction: 0x14, pass thru\n"))
-      << trace;
-  EXPECT_TRUE(Contains(trace, "fw]KnBusChildPdo::OnDispatchPnp 0x80000005 (STATUS_BUFFER_OVERFLOW)\n")) << trace;
+  EXPECT_TRUE(Has(trace, "fw:KN\\CHILD KnBusChildPdo::OnDispatchPnp: OnPnpStartDevice failed, stat=0xC0000182"));
+  EXPECT_TRUE(Has(trace, "fw:KN\\CHILD KnBusChildPdo::OnDispatchPnp: unsupported MinorFunction: 0x14, pass thru\n"));
+  EXPECT_TRUE(Has(trace, "fw]KnBusChildPdo::OnDispatchPnp 0x80000005 (STATUS_BUFFER_OVERFLOW)\n"));
 }
 
 TEST_F(ChildStatesTest, CapabilitiesAnswerIsTheRecordedStructure) {
@@ -148,12 +146,12 @@ TEST_F(ChildStatesTest, CapabilitiesAnswerIsTheRecordedStructure) {
   EXPECT_EQ(STATUS_SUCCESS, Send(IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES, withAnswer).Status);
   EXPECT_EQ(0, memcmp(&recorded, &answer, sizeof(answer)));
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, ":KN\\CHILD KnBusChildPdo::OnDispatchPnp: DEVICE_CAPABILITIES:\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "  Address:000A11CE  UINumber:00005EED\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "  DeviceState[PowerSystemHibernate] = PowerDeviceD2\n")) << trace;
+  EXPECT_TRUE(Has(trace, ":KN\\CHILD KnBusChildPdo::OnDispatchPnp: DEVICE_CAPABILITIES:\n"));
+  EXPECT_TRUE(Has(trace, "  Address:000A11CE  UINumber:00005EED\n"));
+  EXPECT_TRUE(Has(trace, "  DeviceState[PowerSystemHibernate] = PowerDeviceD2\n"));
 
   EXPECT_EQ(STATUS_UNSUCCESSFUL, Send(IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES).Status);
-  EXPECT_TRUE(Contains(TakeTrace(), "KnBusChildPdo::OnDispatchPnp: FATAL, IRP_MN_QUERY_CAPABILITIES cap==NULL\n"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnBusChildPdo::OnDispatchPnp: FATAL, IRP_MN_QUERY_CAPABILITIES cap==NULL\n"));
 }
 
 TEST_F(ChildStatesTest, PowerRequestsAreAnsweredAtOnceEachStartingTheNextOnce) {
@@ -183,10 +181,10 @@ TEST_F(ChildStatesTest, PowerRequestsAreAnsweredAtOnceEachStartingTheNextOnce) {
   EXPECT_EQ(locks, mJournal.lockCalls);
   EXPECT_EQ(KnPnPState_Added, mChild->GetPnPState());
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, "[KnBusChildPdo::OnDispatchPower: IRP=0x")) << trace;
-  EXPECT_TRUE(Contains(trace, "  Mn=0x02 'IRP_MN_SET_POWER' DevicePowerState PowerDeviceD2 Action:PowerActionSleep "
-                              "IRQL=0\n")) << trace;
-  EXPECT_TRUE(Contains(trace, ":KN\\CHILD ]KnBusChildPdo::OnDispatchPower 0x00000000 (STATUS_SUCCESS)\n")) << trace;
+  EXPECT_TRUE(Has(trace, "[KnBusChildPdo::OnDispatchPower: IRP=0x"));
+  EXPECT_TRUE(Has(trace, "  Mn=0x02 'IRP_MN_SET_POWER' DevicePowerState PowerDeviceD2 Action:PowerActionSleep "
+                              "IRQL=0\n"));
+  EXPECT_TRUE(Has(trace, ":KN\\CHILD ]KnBusChildPdo::OnDispatchPower 0x00000000 (STATUS_SUCCESS)\n"));
 }
 
 }  // namespace

@@ -228,14 +228,4 @@ TEST_F(ConfigurationDescriptorTest, WalksStopAtTheEndAtZeroLengthsAndAtDescripto
   }
 }
 
-TEST_F(ConfigurationDescriptorTest, DetachForgetsAForeignSetWithoutFreeingIt) {
-  PUSB_CONFIGURATION_DESCRIPTOR copy = PoolCopy(ConfigurationSet(18, Interface(3, 0, 2, 2, 1)));
-  mHolder.Attach(copy);
-  EXPECT_NE(nullptr, mHolder.FindInterfaceDescriptor(NULL, 3, -1, -1, -1, -1));
-  mHolder.Detach();
-  EXPECT_EQ(nullptr, mHolder.GetDescriptor());
-  EXPECT_EQ(18, copy->wTotalLength);  // still ours: Detach freed nothing
-  ExFreePool(copy);
-}
-
 }  // namespace

@@ -17,10 +17,10 @@
 
 namespace {
 
+using kntest::Has;
+using kntest::HasIf;
 using kntest::TestFdo;
 using Events = std::vector<std::string>;
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 class FdoPnpTest : public kntest::FdoStackTest<TestFdo> {
  protected:
@@ -104,8 +104,8 @@ TEST_F(FdoPnpTest, EachStateAndRequestGoesDownAndThroughItsHookInItsOrder) {
     EXPECT_FALSE(mJournal.downWhileLocked);
     EXPECT_EQ(0, mJournal.lockDepth);
     std::string trace = TakeTrace();
-    EXPECT_EQ(t.sourceStateAsserted, Contains(trace, "ASSERTION FAILED")) << trace;
-    EXPECT_TRUE(Contains(trace, ":[KnFdo::OnDispatchPnp IRP ")) << trace;
+    EXPECT_TRUE(HasIf(t.sourceStateAsserted, trace, "ASSERTION FAILED"));
+    EXPECT_TRUE(Has(trace, ":[KnFdo::OnDispatchPnp IRP "));
     EXPECT_EQ(0u, wdmsim::LiveIrpCount());
   }
 }
@@ -115,11 +115,10 @@ TEST_F(FdoPnpTest, EntryAndExitTracesNameTheRequestTheStateAndTheStatus) {
   Enter(KnPnPState_Initializing, KnPnPState_Added);
   Send(IRP_MN_QUERY_PNP_DEVICE_STATE);
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, " 0x14 'IRP_MN_QUERY_PNP_DEVICE_STATE' at state 'KnPnPDeviceObject::KnPnPState_Added'\n"))
-      << trace;
-  EXPECT_TRUE(Contains(trace, "fw:KnFdo::OnDispatchPnp: passing thru unsupported MinorFct 0x14 "
-                              "(IRP_MN_QUERY_PNP_DEVICE_STATE)\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "fw:]KnFdo::OnDispatchPnp 0xC00000BB (STATUS_NOT_SUPPORTED)\n")) << trace;
+  EXPECT_TRUE(Has(trace, " 0x14 'IRP_MN_QUERY_PNP_DEVICE_STATE' at state 'KnPnPDeviceObject::KnPnPState_Added'\n"));
+  EXPECT_TRUE(Has(trace, "fw:KnFdo::OnDispatchPnp: passing thru unsupported MinorFct 0x14 "
+                              "(IRP_MN_QUERY_PNP_DEVICE_STATE)\n"));
+  EXPECT_TRUE(Has(trace, "fw:]KnFdo::OnDispatchPnp 0xC00000BB (STATUS_NOT_SUPPORTED)\n"));
 }
 
 TEST_F(FdoPnpTest, StartFailuresBelowOrInTheHook) {
@@ -130,7 +129,7 @@ TEST_F(FdoPnpTest, StartFailuresBelowOrInTheHook) {
   EXPECT_EQ(Events{kPdoStart}, mJournal.Take());
   EXPECT_EQ(KnPnPState_Added, mFdo->GetPnPState());
   EXPECT_EQ(PowerDeviceD0, mFdo->PowerState());
-  EXPECT_TRUE(Contains(TakeTrace(), "KnFdo::OnDispatchPnp: pass down IRP_MN_START_DEVICE failed, stat=0xC00000A3"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnFdo::OnDispatchPnp: pass down IRP_MN_START_DEVICE failed, stat=0xC00000A3"));
   mJournal.pdoFailures.clear();
 
   // An informational status from the hook is no success: Stopped, and it completes the IRP.
@@ -138,7 +137,7 @@ TEST_F(FdoPnpTest, StartFailuresBelowOrInTheHook) {
   mFdo->startResult = informational;
   EXPECT_EQ(informational, Send(IRP_MN_START_DEVICE).Status);
   EXPECT_EQ(KnPnPState_Stopped, mFdo->GetPnPState());
-  EXPECT_TRUE(Contains(TakeTrace(), "KnFdo::OnDispatchPnp: OnPnpStartDevice failed, stat=0x40000000"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnFdo::OnDispatchPnp: OnPnpStartDevice failed, stat=0x40000000"));
 
   // A start after the failed one is allowed.
   mFdo->startResult = STATUS_SUCCESS;
@@ -168,14 +167,14 @@ TEST_F(FdoPnpTest, RefusedQueriesStayLocalAndTheirCancelRestoresStarted) {
     EXPECT_EQ(STATUS_DEVICE_BUSY, Send(q.query).Status);
     EXPECT_EQ(1u, mJournal.Take().size());  // the hook only: the PDO never saw the query
     EXPECT_EQ(q.pending, mFdo->GetPnPState());
-    EXPECT_TRUE(Contains(TakeTrace(), q.failedTrace));
+    EXPECT_TRUE(Has(TakeTrace(), q.failedTrace));
     mFdo->*q.result = STATUS_SUCCESS;
 
     // The lower stack failing the cancel is fatal for the cancel, not for the state.
     mJournal.pdoFailures[q.cancel] = STATUS_INVALID_DEVICE_STATE;
     EXPECT_EQ(STATUS_INVALID_DEVICE_STATE, Send(q.cancel).Status);
     EXPECT_EQ(q.pending, mFdo->GetPnPState());
-    EXPECT_TRUE(Contains(TakeTrace(), "KnFdo::OnDispatchPnp: FATAL: pass down IRP_MN_CANCEL_"));
+    EXPECT_TRUE(Has(TakeTrace(), "KnFdo::OnDispatchPnp: FATAL: pass down IRP_MN_CANCEL_"));
     mJournal.pdoFailures.clear();
 
     EXPECT_EQ(STATUS_SUCCESS, Send(q.cancel).Status);
@@ -201,11 +200,11 @@ TEST_F(FdoPnpTest, CapabilitiesAreRecordedAsTheHookAdjustedTheLowerAnswer) {
   EXPECT_EQ(PowerDeviceD3, caps.DeviceState[PowerSystemSleeping3]);
   EXPECT_EQ(0, memcmp(&caps, &mFdo->RecordedCapabilities(), sizeof(caps)));
   std::string trace = TakeTrace();
-  EXPECT_TRUE(Contains(trace, "KnFdo::OnDispatchPnp: DEVICE_CAPABILITIES:\n  FLAGS:")) << trace;
-  EXPECT_TRUE(Contains(trace, "  Address:00000000  UINumber:FFFFFFFF\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "  SystemWake:PowerSystemUnspecified  DeviceWake:PowerDeviceUnspecified\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "  DeviceState[PowerSystemWorking] = PowerDeviceD0\n")) << trace;
-  EXPECT_TRUE(Contains(trace, "  DeviceState[PowerSystemShutdown] = PowerDeviceD3\n")) << trace;
+  EXPECT_TRUE(Has(trace, "KnFdo::OnDispatchPnp: DEVICE_CAPABILITIES:\n  FLAGS:"));
+  EXPECT_TRUE(Has(trace, "  Address:00000000  UINumber:FFFFFFFF\n"));
+  EXPECT_TRUE(Has(trace, "  SystemWake:PowerSystemUnspecified  DeviceWake:PowerDeviceUnspecified\n"));
+  EXPECT_TRUE(Has(trace, "  DeviceState[PowerSystemWorking] = PowerDeviceD0\n"));
+  EXPECT_TRUE(Has(trace, "  DeviceState[PowerSystemShutdown] = PowerDeviceD3\n"));
 
   // A failure below leaves the record alone and skips the completion hook.
   DEVICE_CAPABILITIES recorded = mFdo->RecordedCapabilities();
@@ -214,12 +213,12 @@ TEST_F(FdoPnpTest, CapabilitiesAreRecordedAsTheHookAdjustedTheLowerAnswer) {
   EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, wdmsim::SendPnpIrp(mPdo, IRP_MN_QUERY_CAPABILITIES, withCaps).Status);
   EXPECT_EQ((Events{"hook OnPnpQueryCapabilities", "pdo IRP_MN_QUERY_CAPABILITIES"}), mJournal.Take());
   EXPECT_EQ(0, memcmp(&recorded, &mFdo->RecordedCapabilities(), sizeof(recorded)));
-  EXPECT_TRUE(Contains(TakeTrace(), "KnFdo::OnDispatchPnp: pass down IRP_MN_QUERY_CAPABILITIES failed, stat=0xC000009D"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnFdo::OnDispatchPnp: pass down IRP_MN_QUERY_CAPABILITIES failed, stat=0xC000009D"));
 
   // Without a structure nothing runs.
   EXPECT_EQ(STATUS_UNSUCCESSFUL, Send(IRP_MN_QUERY_CAPABILITIES).Status);
   EXPECT_TRUE(mJournal.Take().empty());
-  EXPECT_TRUE(Contains(TakeTrace(), "KnFdo::OnDispatchPnp: FATAL, IRP_MN_QUERY_CAPABILITIES Add cap==NULL\n"));
+  EXPECT_TRUE(Has(TakeTrace(), "KnFdo::OnDispatchPnp: FATAL, IRP_MN_QUERY_CAPABILITIES Add cap==NULL\n"));
 }
 
 TEST_F(FdoPnpTest, RemovalRunsTheHookBeforeTheStackAndDeletesTheObjectBeforeTheExitTrace) {
@@ -239,7 +238,7 @@ TEST_F(FdoPnpTest, RemovalRunsTheHookBeforeTheStackAndDeletesTheObjectBeforeTheE
   ASSERT_NE(std::string::npos, deleting) << trace;
   EXPECT_LT(deleting, deviceGone);
   EXPECT_LT(deviceGone, exit);
-  EXPECT_FALSE(Contains(trace, "ASSERTION FAILED")) << trace;
+  EXPECT_FALSE(Has(trace, "ASSERTION FAILED"));
 }
 
 }  // namespace

@@ -19,18 +19,8 @@ namespace {
 
 constexpr ULONG kUsbcTag = 0x43425355;
 
-struct ReadRecord {
-  int calls = 0;
-  LONG status = 0x12345678;
-  ULONG length = 0xFFFFFFFF;
-};
-
-void OnRead(PVOID context, LONG status, PVOID, ULONG length) {
-  auto* record = static_cast<ReadRecord*>(context);
-  ++record->calls;
-  record->status = status;
-  record->length = length;
-}
+using kntest::ReadRecord;
+constexpr auto OnRead = &ReadRecord::OnRead;
 
 std::vector<UCHAR> CompositeSet(UCHAR numInterfaces) {
   std::vector<UCHAR> set = {

@@ -52,4 +52,20 @@ class UsbDeviceOnBus {
   PDEVICE_OBJECT mDevice = nullptr;
 };
 
+// What a pipe's read callback reported, and how often it was called.
+struct ReadRecord {
+  int calls = 0;
+  LONG status = 0x12345678;
+  PVOID buffer = nullptr;
+  ULONG length = 0xFFFFFFFF;
+
+  static void OnRead(PVOID context, LONG status, PVOID buffer, ULONG length) {
+    ReadRecord* record = static_cast<ReadRecord*>(context);
+    ++record->calls;
+    record->status = status;
+    record->buffer = buffer;
+    record->length = length;
+  }
+};
+
 }  // namespace kntest

@@ -30,20 +30,8 @@ std::vector<UCHAR> OneInterfaceSet() {
   return set;
 }
 
-struct ReadRecord {
-  int calls = 0;
-  LONG status = 0x12345678;
-  PVOID buffer = nullptr;
-  ULONG length = 0xFFFFFFFF;
-};
-
-void OnRead(PVOID context, LONG status, PVOID buffer, ULONG length) {
-  ReadRecord* record = static_cast<ReadRecord*>(context);
-  ++record->calls;
-  record->status = status;
-  record->buffer = buffer;
-  record->length = length;
-}
+using kntest::ReadRecord;
+constexpr auto OnRead = &ReadRecord::OnRead;
 
 constexpr ULONG kUsbtTag = 0x54425355;
 
