@@ -115,27 +115,4 @@ TEST_F(PnpArrival, InstanceIdGetsAParentPrefixUnlessTheBusVouchesForIt) {
   wdmsim::DeleteRawPdo(unique);
 }
 
-TEST_F(PnpArrival, DeviceWithoutDriverIsPublishedButNotStarted) {
-  PDEVICE_OBJECT pdo = pnptest::CreateDevice(u"WDMSIM\\ORPHAN", {u"WDMSIM\\ORPHAN"}, {}, u"1", true);
-  wdmsim::DeviceNodeId id = wdmsim::ReportRootDevice(pdo);
-  wdmsim::WaitForPnpIdle();
-  auto node = wdmsim::GetDeviceNode(id);
-  EXPECT_EQ(node->state, wdmsim::DeviceNodeState::DriverNotFound);
-  EXPECT_EQ(node->description, u"bus text of WDMSIM\\ORPHAN");
-  EXPECT_EQ(Names(id).back(), "QUERY_RESOURCE_REQUIREMENTS");
-  WCHAR buffer[64];
-  ULONG length = 0;
-  ASSERT_EQ(IoGetDeviceProperty(pdo, DevicePropertyDeviceDescription, sizeof buffer, buffer, &length), STATUS_SUCCESS);
-  EXPECT_EQ(std::u16string(reinterpret_cast<char16_t*>(buffer)), u"bus text of WDMSIM\\ORPHAN");
-
-  // A never-started device that vanishes gets a remove without a surprise removal.
-  wdmsim::RunPnpOperation(wdmsim::PnpOperation::SurpriseRemoval, id);
-  std::vector<std::string> names = Names(id);
-  EXPECT_EQ(names.back(), "REMOVE_DEVICE");
-  EXPECT_EQ(std::count(names.begin(), names.end(), "SURPRISE_REMOVAL"), 0);
-  EXPECT_EQ(wdmsim::GetDeviceNode(id)->state, wdmsim::DeviceNodeState::Deleted);
-  EXPECT_TRUE(wdmsim::RootDeviceNodes().empty());
-  wdmsim::DeleteRawPdo(pdo);
-}
-
 }  // namespace
