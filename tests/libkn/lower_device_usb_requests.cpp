@@ -146,7 +146,7 @@ TEST_F(LowerDeviceOnBus, CallDriverAndWaitReturnsOnlyOnceTheIrpIsBack) {
     if (c.request == Request::DeviceDescriptor) {
       const bool delivered = c.urbStatus == USBD_STATUS_SUCCESS;
       EXPECT_EQ(delivered ? 18u : 0u, urb.UrbControlDescriptorRequest.TransferBufferLength);
-      if (delivered) EXPECT_EQ(deviceDescriptor, buffer);
+      if (delivered) { EXPECT_EQ(deviceDescriptor, buffer); }
     }
     EXPECT_EQ(0u, wdmsim::LiveIrpCount());
     EXPECT_EQ(0u, mDevice->PendingTransfers());
@@ -392,7 +392,7 @@ TEST_F(DescriptorRequests, GetStringIsAlwaysTerminatedWithinTheDestination) {
     }
     const auto setups = TakeSetups();
     ASSERT_EQ(2u, setups.size());
-    if (c.asked != 0) EXPECT_EQ(c.asked, setups[1].wLength);
+    if (c.asked != 0) { EXPECT_EQ(c.asked, setups[1].wLength); }
     EXPECT_TRUE(kntest::HasIf(c.status != STATUS_SUCCESS, TakeTrace(), "SubmitUrbAndWait: CallDriverAndWait failed"));
   }
 }
@@ -416,7 +416,7 @@ TEST_F(DescriptorRequests, DeviceDescriptorMustBeExactlyEighteenBytes) {
     ASSERT_EQ(1u, setups.size());
     EXPECT_EQ(USB_DEVICE_DESCRIPTOR_TYPE << 8, setups[0].wValue);
     EXPECT_EQ(18, setups[0].wLength);
-    if (c.expected == STATUS_SUCCESS) EXPECT_EQ(0x0072, descriptor.idProduct);
+    if (c.expected == STATUS_SUCCESS) { EXPECT_EQ(0x0072, descriptor.idProduct); }
   }
 }
 

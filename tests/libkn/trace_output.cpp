@@ -159,16 +159,14 @@ TEST_F(TraceOutputTest, HexDumpLines) {
   EXPECT_EQ(wdmsim::TakeDebugOutput(), "<<NULL>>\n");
   KnTraceDump(nullptr, 0);
   EXPECT_EQ(wdmsim::TakeDebugOutput(), "<<NULL>>\n");
-}
 
-TEST_F(TraceOutputTest, HexDumpOffsetsUseSixteenBits) {
-  const ULONG length = 0x10000 + 0x20;
-  std::string block(length, '\x01');
-  KnTraceDump(block.data(), length);
+  // Offsets use 16 bits: 0x10000 shows as 0000.
+  std::string block(0x10000 + 0x20, '\x01');
+  KnTraceDump(block.data(), block.size());
   std::string out = wdmsim::TakeDebugOutput();
-  EXPECT_NE(out.find("\nFFF0: 01 01"), std::string::npos);
-  EXPECT_NE(out.find("\n0000: 01 01"), std::string::npos);  // offset 0x10000 shows as 0000
-  EXPECT_NE(out.find("\n0010: 01 01"), std::string::npos);
+  for (const char* line : {"\nFFF0: 01 01", "\n0000: 01 01", "\n0010: 01 01"}) {
+    EXPECT_NE(out.find(line), std::string::npos) << line;
+  }
 }
 
 TEST_F(TraceOutputTest, LogBufferGetsTheTimeStampedTextBelowDispatchOnly) {

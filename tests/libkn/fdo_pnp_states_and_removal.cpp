@@ -1,6 +1,9 @@
 // The FDO's PnP state machine: for each (state, request) which side of the stack sees the
 // request first, which hook runs under the lock, the state afterwards and the status;
-// failures below and refusals of the hooks; the capabilities that are recorded.
+// failures below and refusals of the hooks; the capabilities that are recorded; and the
+// removal on real threads, which neither reaches the lower stack nor deletes the object
+// while a routed request still runs inside it or a power work item is still scheduled,
+// refusing requests that arrive meanwhile.
 #include <gtest/gtest.h>
 
 #include <ntddk.h>
@@ -10,8 +13,11 @@
 
 #include <wdmsim/io.h>
 
+#include "knevent.h"
 #include "knnametables.h"
+#include "knsystemthread.h"
 #include "kntrace.h"
+#include "knutils.h"
 #include "support_pnp_devices.h"
 #include "support_test_driver.h"
 
@@ -19,6 +25,7 @@ namespace {
 
 using kntest::Has;
 using kntest::HasIf;
+using kntest::PnpJournal;
 using kntest::TestFdo;
 using Events = std::vector<std::string>;
 
@@ -239,6 +246,100 @@ TEST_F(FdoPnpTest, RemovalRunsTheHookBeforeTheStackAndDeletesTheObjectBeforeTheE
   EXPECT_LT(deleting, deviceGone);
   EXPECT_LT(deviceGone, exit);
   EXPECT_FALSE(Has(trace, "ASSERTION FAILED"));
+}
+
+// An FDO whose device-control handler waits at a gate before it answers.
+class GatedFdo : public TestFdo {
+ public:
+  GatedFdo(PnpJournal* journal, bool* destroyed) : TestFdo(journal, destroyed), mGate(NotificationEvent, FALSE) {}
+  NTSTATUS OnDispatchDeviceControl(PIRP irp) override {
+    mEntered.Set();
+    mGate.WaitInfinite();
+    mJournal->Hook("device control answered");
+    return CompleteRequest(irp, STATUS_SUCCESS, 0);
+  }
+  KnEvent mEntered;
+  KnEvent mGate;
+};
+
+struct Sender {
+  PDEVICE_OBJECT pdo;
+  UCHAR major;
+  UCHAR minor;
+  NTSTATUS status = STATUS_PENDING;
+  KnEvent done;
+};
+
+void NTAPI SendRequest(PVOID context) {
+  Sender* sender = static_cast<Sender*>(context);
+  sender->status = wdmsim::SendIrpToStack(sender->pdo, sender->major, sender->minor, nullptr, STATUS_NOT_SUPPORTED).Status;
+  sender->done.Set();
+}
+
+void NTAPI WaitAtGate(PDEVICE_OBJECT, PVOID gate, PVOID journal) {
+  static_cast<KnEvent*>(gate)->WaitInfinite();
+  static_cast<PnpJournal*>(journal)->Hook("work item done");
+}
+
+const ULONG kLongMs = 60000;
+
+class FdoRemovalTest : public kntest::FdoStackTest<GatedFdo> {
+ protected:
+  void SetUp() override {
+    FdoStackTest::SetUp();
+    mFdo->SetPnPState(KnPnPState_Started);
+  }
+  // Starts the removal on its own thread and shows that it is held up: the object still
+  // exists and the lower stack has not seen the request.
+  void StartHeldRemoval(KnSystemThread* thread, Sender* removal) {
+    removal->pdo = mPdo;
+    removal->major = IRP_MJ_PNP;
+    removal->minor = IRP_MN_REMOVE_DEVICE;
+    ASSERT_EQ(STATUS_SUCCESS, thread->CreateSystemThread(SendRequest, removal));
+    EXPECT_EQ(STATUS_TIMEOUT, removal->done.Wait(kLongMs));
+    EXPECT_FALSE(mDestroyed);
+    EXPECT_EQ(std::vector<std::string>{"hook OnPnpRemoveDevice"}, mJournal.Take());
+  }
+  void FinishRemoval(KnSystemThread* thread, Sender* removal, const char* lastHolder) {
+    EXPECT_EQ(STATUS_SUCCESS, removal->done.WaitInfinite());
+    EXPECT_EQ(STATUS_SUCCESS, thread->WaitForThreadToTerminate(-1));
+    EXPECT_EQ(STATUS_SUCCESS, removal->status);
+    EXPECT_EQ((std::vector<std::string>{lastHolder, "pdo IRP_MN_REMOVE_DEVICE"}), mJournal.Take());
+    EXPECT_TRUE(mDestroyed);
+  }
+};
+
+TEST_F(FdoRemovalTest, RemovalWaitsForTheRequestStillInsideAndRefusesNewOnes) {
+  Sender request;
+  request.pdo = mPdo;
+  request.major = IRP_MJ_DEVICE_CONTROL;
+  request.minor = 0;
+  KnSystemThread requestThread;
+  ASSERT_EQ(STATUS_SUCCESS, requestThread.CreateSystemThread(SendRequest, &request));
+  mFdo->mEntered.WaitInfinite();
+  GatedFdo* fdo = mFdo;
+
+  KnSystemThread removalThread;
+  Sender removal;
+  StartHeldRemoval(&removalThread, &removal);
+  // Removal has begun: a new request is turned away before it reaches the object.
+  EXPECT_EQ(STATUS_DELETE_PENDING,
+            wdmsim::SendIrpToStack(mPdo, IRP_MJ_DEVICE_CONTROL, 0, nullptr, STATUS_NOT_SUPPORTED).Status);
+
+  fdo->mGate.Set();
+  FinishRemoval(&removalThread, &removal, "hook device control answered");
+  EXPECT_EQ(STATUS_SUCCESS, requestThread.WaitForThreadToTerminate(-1));
+  EXPECT_EQ(STATUS_SUCCESS, request.status);
+}
+
+TEST_F(FdoRemovalTest, RemovalWaitsForThePowerWorkItems) {
+  KnEvent gate(NotificationEvent, FALSE);
+  ASSERT_TRUE(mFdo->PowerWorkItem().ScheduleWorkItem(mFdo->GetDeviceObject(), WaitAtGate, &gate, &mJournal));
+  KnSystemThread removalThread;
+  Sender removal;
+  StartHeldRemoval(&removalThread, &removal);
+  gate.Set();
+  FinishRemoval(&removalThread, &removal, "hook work item done");
 }
 
 }  // namespace
