@@ -93,7 +93,7 @@ TEST_F(ChildIdentityTest, IdentifiersAndTextsAreAnsweredByteForByte) {
   EXPECT_EQ(Utf16("Port_#0001|"), Answer(QueryText(DeviceTextLocationInformation)));
   std::string trace = TakeTrace();
   EXPECT_TRUE(Has(trace, ":USB\\VID_1234&PID_0001&REV_0100&MI_00 KnBusChildPdo::OnPnPQueryId: Type is 00000001 "
-                              "(BusQueryHardwareIDs)\n"));
+                         "(BusQueryHardwareIDs)\n"));
   EXPECT_TRUE(Has(trace, " KnBusChildPdo::OnPnPQueryDeviceText: Type is 00000000 (DeviceTextDescription)\n"));
 }
 

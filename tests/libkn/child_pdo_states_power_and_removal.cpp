@@ -184,7 +184,7 @@ TEST_F(ChildStatesTest, PowerRequestsAreAnsweredAtOnceEachStartingTheNextOnce) {
   std::string trace = TakeTrace();
   EXPECT_TRUE(Has(trace, "[KnBusChildPdo::OnDispatchPower: IRP=0x"));
   EXPECT_TRUE(Has(trace, "  Mn=0x02 'IRP_MN_SET_POWER' DevicePowerState PowerDeviceD2 Action:PowerActionSleep "
-                              "IRQL=0\n"));
+                         "IRQL=0\n"));
   EXPECT_TRUE(Has(trace, ":KN\\CHILD ]KnBusChildPdo::OnDispatchPower 0x00000000 (STATUS_SUCCESS)\n"));
 }
 

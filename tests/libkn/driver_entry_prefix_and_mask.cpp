@@ -70,7 +70,7 @@ TEST_F(DriverEntryTest, TraceMaskComesFromTheServiceKeyElseTheBuiltInOneStays) {
     EXPECT_TRUE(
         HasIf(!c.present, trace, "kntest:KnRegistryKey::GetDwordValue: SetDword(TraceMask) failed, stat=0xC0000022"));
     EXPECT_TRUE(HasIf(c.flowTraced, trace, "kntest:KnDriverObject::DriverEntry: Registry path is "
-                                       "'\\Registry\\Machine\\System\\CurrentControlSet\\Services\\kntest'\n"));
+                                           "'\\Registry\\Machine\\System\\CurrentControlSet\\Services\\kntest'\n"));
     EXPECT_TRUE(HasIf(c.flowTraced, trace, "kntest:DriverEntry returns 0x00000000 (STATUS_SUCCESS)\n"));
     // Bit 0x2: the milestone follows the mask just read, not the built-in one.
     EXPECT_TRUE(HasIf((c.mask & 0x2) != 0, trace, "\n**** kntest:DriverEntry ****\n"));

@@ -124,7 +124,7 @@ TEST_F(FdoPnpTest, EntryAndExitTracesNameTheRequestTheStateAndTheStatus) {
   std::string trace = TakeTrace();
   EXPECT_TRUE(Has(trace, " 0x14 'IRP_MN_QUERY_PNP_DEVICE_STATE' at state 'KnPnPDeviceObject::KnPnPState_Added'\n"));
   EXPECT_TRUE(Has(trace, "fw:KnFdo::OnDispatchPnp: passing thru unsupported MinorFct 0x14 "
-                              "(IRP_MN_QUERY_PNP_DEVICE_STATE)\n"));
+                         "(IRP_MN_QUERY_PNP_DEVICE_STATE)\n"));
   EXPECT_TRUE(Has(trace, "fw:]KnFdo::OnDispatchPnp 0xC00000BB (STATUS_NOT_SUPPORTED)\n"));
 }
 
