@@ -107,6 +107,14 @@ class IrpQueueRaceTest : public irp_queue_test::QueueTest {
     RecordProperty("OtherWon", mOtherWon);
   }
 
+  // X then Y, both waiting in the queue.
+  void QueueTwo() {
+    mX = std::make_unique<TestIrp>(&mLog);
+    mY = std::make_unique<TestIrp>(&mLog);
+    mQueue.InsertTail(mX->irp());
+    mQueue.InsertTail(mY->irp());
+  }
+
   std::unique_ptr<TestIrp> mX, mY;
   std::atomic<bool> mCancelCalledRoutine{false};
   // How often each side won, as evidence that the race was really run both ways.
@@ -115,12 +123,7 @@ class IrpQueueRaceTest : public irp_queue_test::QueueTest {
 
 TEST_F(IrpQueueRaceTest, CancelRacingRemoveRace) {
   RaceRounds race;
-  race.setup = [&](int) {
-    mX = std::make_unique<TestIrp>(&mLog);
-    mY = std::make_unique<TestIrp>(&mLog);
-    mQueue.InsertTail(mX->irp());
-    mQueue.InsertTail(mY->irp());
-  };
+  race.setup = [&](int) { QueueTwo(); };
   race.actions = {
       [&] {
         while (PIRP irp = mQueue.RemoveIrp()) {
@@ -217,12 +220,7 @@ TEST_F(IrpQueueRaceTest, InsertRemoveAndCancelRace) {
 
 TEST_F(IrpQueueRaceTest, CancelAllIrpsRacingCancelRace) {
   RaceRounds race;
-  race.setup = [&](int) {
-    mX = std::make_unique<TestIrp>(&mLog);
-    mY = std::make_unique<TestIrp>(&mLog);
-    mQueue.InsertTail(mX->irp());
-    mQueue.InsertTail(mY->irp());
-  };
+  race.setup = [&](int) { QueueTwo(); };
   race.actions = {
       [&] { mQueue.CancelAllIrps(nullptr); },
       [&] { mCancelCalledRoutine = IoCancelIrp(mX->irp()) != FALSE; },
