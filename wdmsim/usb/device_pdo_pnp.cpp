@@ -78,10 +78,7 @@ NTSTATUS DevicePdo::DispatchPnp(PIRP irp) {
       }
       break;
     case IRP_MN_QUERY_DEVICE_RELATIONS:
-      if (stack->Parameters.QueryDeviceRelations.Type == TargetDeviceRelation) {
-        irp->IoStatus.Information = 0;
-        status = AnswerRelations(irp, {mSelf});
-      }
+      status = AnswerPdoRelations(irp, mSelf);
       break;
     default:
       break;

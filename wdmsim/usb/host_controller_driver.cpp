@@ -71,10 +71,7 @@ NTSTATUS RootHubPnp(PDEVICE_OBJECT pdo, int hub, PIRP irp) {
       }
       break;
     case IRP_MN_QUERY_DEVICE_RELATIONS:
-      if (stack->Parameters.QueryDeviceRelations.Type == TargetDeviceRelation) {
-        irp->IoStatus.Information = 0;
-        status = AnswerRelations(irp, {pdo});
-      }
+      status = AnswerPdoRelations(irp, pdo);
       break;
     default:
       break;

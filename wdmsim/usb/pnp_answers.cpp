@@ -50,6 +50,14 @@ NTSTATUS AnswerRelations(PIRP irp, const std::vector<PDEVICE_OBJECT>& objects) {
   return STATUS_SUCCESS;
 }
 
+NTSTATUS AnswerPdoRelations(PIRP irp, PDEVICE_OBJECT pdo) {
+  if (IoGetCurrentIrpStackLocation(irp)->Parameters.QueryDeviceRelations.Type != TargetDeviceRelation) {
+    return irp->IoStatus.Status;
+  }
+  irp->IoStatus.Information = 0;
+  return AnswerRelations(irp, {pdo});
+}
+
 NTSTATUS FillUsbCapabilities(PDEVICE_CAPABILITIES capabilities) {
   if (capabilities == nullptr || capabilities->Version != 1 || capabilities->Size < sizeof(DEVICE_CAPABILITIES)) {
     return STATUS_UNSUCCESSFUL;

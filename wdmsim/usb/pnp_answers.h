@@ -16,6 +16,9 @@ NTSTATUS AnswerMultiString(PIRP irp, const std::vector<std::u16string>& texts);
 // DEVICE_RELATIONS: whatever the IRP already carries, then `objects`, each referenced for
 // the PnP manager, which drops the references.
 NTSTATUS AnswerRelations(PIRP irp, const std::vector<PDEVICE_OBJECT>& objects);
+// A PDO's answer to a relations query: itself as the target relation; any other type keeps
+// the status the IRP arrived with.
+NTSTATUS AnswerPdoRelations(PIRP irp, PDEVICE_OBJECT pdo);
 
 // Capabilities common to the bus's PDOs: checks the version and size the caller set, fills
 // the power mapping of a USB device (D0 working, D2 in S1-S3, D3 in S4-S5).
